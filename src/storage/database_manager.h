@@ -1,0 +1,76 @@
+// KQDatabaseManager: the storage engine of one object category, one SQLite 3
+// file with one table per attribute.
+//
+// A manager value shares its connection: managers assigned one from another
+// hold the same connection, closed once when the last holder goes. A
+// default-constructed manager is unbound: every operation fails (non-zero
+// status, empty result).
+//
+// Rows handed in are KQValue arrays of [column name, value] pairs; values
+// bind as text, integer or real. Results are arrays of rows, each an array of
+// the selected columns in column order, typed by the column's declared type:
+// "text" -> string, "int" -> int, "float" -> float, NULL -> invalid.
+//
+// The condition, ordering and column strings are placed into the SQL as they
+// stand (after WHERE, ORDER BY, SELECT). One statement per call: text with a
+// non-blank tail after the first statement fails and the tail never runs.
+// select and selectWithOrder run read-only (statement check, an authorizer
+// that allows reading this database's tables only, a progress deadline).
+//
+// Storage choices: WAL journal, synchronous=NORMAL, a busy timeout, prepared
+// statements cached per SQL text, writes that open a transaction use
+// BEGIN IMMEDIATE, and every table gets an index on (ObjectName, TimeS).
+//
+// Threading: no locking of its own beyond SQLite's serialized mode. The
+// module calls writers under its category lock held exclusively and readers
+// under it held shared, so one connection may be read by several threads at
+// once but is never written concurrently.
+#ifndef KQ_STORAGE_DATABASE_MANAGER_H_
+#define KQ_STORAGE_DATABASE_MANAGER_H_
+
+#include <memory>
+#include <string>
+
+#include "middleware/value.h"
+
+namespace KQ {
+
+class KQDatabaseManager {
+ public:
+  KQDatabaseManager();
+  // Opens (creating if absent) the file at `path`. The flag is kept for
+  // callers that pass it; the file is always worked on directly.
+  KQDatabaseManager(const std::string& path, bool create);
+  KQDatabaseManager(const KQDatabaseManager& other);
+  KQDatabaseManager& operator=(const KQDatabaseManager& other);
+  ~KQDatabaseManager();
+
+  bool isOpen() const;
+  int load();
+  int save() const;
+  std::string storagePath() const;
+
+  int createTable(const std::string& table, const std::string& columns);
+  int insertRow(const std::string& table, const KQValue& row);
+  int updateRow(const std::string& table, const KQValue& row, const std::string& where);
+  int deleteRow(const std::string& table, const std::string& where);
+  KQValue select(const std::string& table, const std::string& where, const std::string& columns) const;
+  KQValue selectWithOrder(const std::string& table, const std::string& where, const std::string& order,
+                          const std::string& columns, int last) const;
+  int resetDatabase();
+  int beginTransaction();
+  int endTransaction();
+
+  // Milliseconds a select may run before it is interrupted (default 2000).
+  void setQueryDeadline(int milliseconds);
+  // Number of connections currently open in this process (for tests).
+  static int openConnectionCount();
+
+ private:
+  class Connection;
+  std::shared_ptr<Connection> connection_;
+};
+
+}  // namespace KQ
+
+#endif  // KQ_STORAGE_DATABASE_MANAGER_H_
