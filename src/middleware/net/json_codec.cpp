@@ -1,0 +1,220 @@
+#include "middleware/net/json_codec.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "middleware/error.h"
+
+namespace KQ {
+namespace net {
+
+namespace {
+
+using json = nlohmann::json;
+
+[[noreturn]] void throwNotAValue(const std::string& message) { throw KQArgumentError("", "", message); }
+
+// Builds the document through nlohmann's own DOM builder, but counts depth
+// on the way in (so a 10 MB "[[[[..." is refused after 65 brackets, not
+// after it has been allocated) and keeps over-wide integers integers.
+class DepthLimitedBuilder {
+ public:
+  DepthLimitedBuilder(json& out, int maxDepth) : builder_(out, false), maxDepth_(maxDepth) {}
+
+  bool null() { return builder_.null(); }
+  bool boolean(bool value) { return builder_.boolean(value); }
+  bool number_integer(json::number_integer_t value) { return builder_.number_integer(value); }
+  bool number_unsigned(json::number_unsigned_t value) { return builder_.number_unsigned(value); }
+  bool number_float(json::number_float_t value, const json::string_t& text) {
+    // nlohmann turns an integer wider than 64 bits into a float; without a
+    // fraction or exponent it is still an integer to us, and one that cannot
+    // be an int.
+    if (text.find_first_of(".eE") == json::string_t::npos)
+      return builder_.number_unsigned(std::numeric_limits<json::number_unsigned_t>::max());
+    return builder_.number_float(value, text);
+  }
+  bool string(json::string_t& value) { return builder_.string(value); }
+  bool binary(json::binary_t& value) { return builder_.binary(value); }
+  bool start_object(std::size_t size) { return enter() && builder_.start_object(size); }
+  bool key(json::string_t& value) { return builder_.key(value); }
+  bool end_object() {
+    --depth_;
+    return builder_.end_object();
+  }
+  bool start_array(std::size_t size) { return enter() && builder_.start_array(size); }
+  bool end_array() {
+    --depth_;
+    return builder_.end_array();
+  }
+  bool parse_error(std::size_t position, const std::string& token, const nlohmann::detail::exception& e) {
+    syntaxError_ = true;
+    message_ = e.what();
+    return builder_.parse_error(position, token, e);
+  }
+
+  bool tooDeep() const { return tooDeep_; }
+  bool syntaxError() const { return syntaxError_; }
+  const std::string& message() const { return message_; }
+
+ private:
+  bool enter() {
+    if (++depth_ > maxDepth_) {
+      tooDeep_ = true;
+      return false;
+    }
+    return true;
+  }
+
+  nlohmann::detail::json_sax_dom_parser<json> builder_;
+  int maxDepth_;
+  int depth_ = 0;
+  bool tooDeep_ = false;
+  bool syntaxError_ = false;
+  std::string message_;
+};
+
+}  // namespace
+
+std::string formatFloat(float value) {
+  if (!std::isfinite(value)) return "null";
+  char buffer[32];
+  // to_chars without a format gives the shortest text that round-trips.
+  const auto result = std::to_chars(buffer, buffer + sizeof(buffer), value);
+  std::string text(buffer, result.ptr);
+  if (text.find_first_of(".e") == std::string::npos) text += ".0";
+  return text;
+}
+
+json toJson(const KQValue& value) {
+  switch (value.getType()) {
+    case KQValue::Type::Invalid:
+      return nullptr;
+    case KQValue::Type::Bool:
+      return value.toBool();
+    case KQValue::Type::Int:
+      return value.toInt();
+    case KQValue::Type::Float: {
+      const float f = value.toFloat();
+      if (!std::isfinite(f)) return nullptr;
+      // Store the double nearest to the float's shortest text: nlohmann then
+      // writes that text (0.1f goes out as 0.1, not 0.10000000149011612),
+      // and its dump keeps a ".0" on whole numbers.
+      const std::string text = formatFloat(f);
+      return std::strtod(text.c_str(), nullptr);
+    }
+    case KQValue::Type::String:
+      return value.toString();
+    case KQValue::Type::Array: {
+      json array = json::array();
+      const std::vector<KQValue>& elements = value.toArray();
+      array.get_ref<json::array_t&>().reserve(elements.size());
+      for (const KQValue& element : elements) array.push_back(toJson(element));
+      return array;
+    }
+  }
+  return nullptr;
+}
+
+KQValue fromJson(const json& j) {
+  switch (j.type()) {
+    case json::value_t::null:
+    case json::value_t::discarded:
+      return KQValue();
+    case json::value_t::boolean:
+      return KQValue(j.get<bool>());
+    case json::value_t::number_integer: {
+      const auto n = j.get<json::number_integer_t>();
+      if (n < std::numeric_limits<int>::min() || n > std::numeric_limits<int>::max())
+        throwNotAValue(std::to_string(n) + " does not fit in a 32-bit int");
+      return KQValue(static_cast<int>(n));
+    }
+    case json::value_t::number_unsigned: {
+      const auto n = j.get<json::number_unsigned_t>();
+      if (n > static_cast<json::number_unsigned_t>(std::numeric_limits<int>::max())) {
+        // The largest unsigned value stands for any integer wider than 64
+        // bits (see parseJson); its digits are not known any more.
+        if (n == std::numeric_limits<json::number_unsigned_t>::max())
+          throwNotAValue("an integer does not fit in a 32-bit int");
+        throwNotAValue(std::to_string(n) + " does not fit in a 32-bit int");
+      }
+      return KQValue(static_cast<int>(n));
+    }
+    case json::value_t::number_float: {
+      const double d = j.get<double>();
+      if (!std::isfinite(d) || std::fabs(d) > static_cast<double>(std::numeric_limits<float>::max()))
+        throwNotAValue(j.dump() + " does not fit in a float");
+      return KQValue(static_cast<float>(d));
+    }
+    case json::value_t::string:
+      return KQValue(j.get_ref<const std::string&>());
+    case json::value_t::array: {
+      std::vector<KQValue> elements;
+      elements.reserve(j.size());
+      for (const json& element : j) elements.push_back(fromJson(element));
+      return KQValue(elements);
+    }
+    case json::value_t::object:
+      throwNotAValue("a JSON object is not a value");
+    case json::value_t::binary:
+      throwNotAValue("binary data is not a value");
+  }
+  return KQValue();
+}
+
+bool jsonDepthExceeds(std::string_view text, int maxDepth) {
+  int depth = 0;
+  bool inString = false;
+  bool escaped = false;
+  for (const char c : text) {
+    if (inString) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+      continue;
+    }
+    switch (c) {
+      case '"':
+        inString = true;
+        break;
+      case '[':
+      case '{':
+        if (++depth > maxDepth) return true;
+        break;
+      case ']':
+      case '}':
+        if (depth > 0) --depth;
+        break;
+      default:
+        break;
+    }
+  }
+  return false;
+}
+
+ParseOutcome parseJson(std::string_view text, json& out, int maxDepth, std::string* error) {
+  out = json();
+  DepthLimitedBuilder builder(out, maxDepth);
+  const bool ok = json::sax_parse(text.begin(), text.end(), &builder, json::input_format_t::json, true);
+  if (builder.tooDeep()) {
+    out = json();
+    return ParseOutcome::TooDeep;
+  }
+  if (!ok || builder.syntaxError()) {
+    if (error) *error = builder.message();
+    out = json();
+    return ParseOutcome::SyntaxError;
+  }
+  return ParseOutcome::Ok;
+}
+
+}  // namespace net
+}  // namespace KQ
