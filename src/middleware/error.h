@@ -1,9 +1,13 @@
 // KQError: the one exception type of the middleware. It carries the module
 // and method that raised it, the message, and the source position.
 //
-// what() reads as one sentence, for instance
+// what() reads as one sentence, "<module>.<method>: <message>", for instance
 //   "KQWorldRepresentation.getAttributesFromCategory: Category Cups does not
 //    exist, cannot retrieve attributes."
+// The message is taken as given (no period added); an empty module or method
+// drops its piece ("method: message", "module: message", "message"). The
+// source file and line are kept for getFile/getLine but stay out of what():
+// they are noise to a remote caller reading the text.
 // KQArgumentError marks a call that was refused before the method ran (wrong
 // argument count or type); the network front answers it with -32602.
 #ifndef KQ_MIDDLEWARE_ERROR_H_

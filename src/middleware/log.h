@@ -7,12 +7,20 @@
 // lines do not). The KO_LOG macro tests the level before the message is built,
 // so a refused line costs one lookup and no formatting.
 //
+// A message of level 0 (silent) or below is never admitted; levels given to
+// setCategoryLevel/setDefaultLevel are clamped to 0..6.
+//
 // Sinks: by default one StderrSink. JsonSink writes one JSON object per line
 // (fields time, level, category, function, message); CaptureSink keeps the
-// records in memory so that tests can assert exact texts.
+// records in memory so that tests can assert exact texts. Times are UTC in
+// both text forms, so that lines read the same on every machine.
 //
-// Threading: every function here is safe to call from any thread; a sink's
-// write() is called under the log's own mutex, one record at a time.
+// Threading: every function here is safe to call from any thread. Levels sit
+// behind a reader-writer lock (KO_LOG only reads, on hot paths); a sink's
+// write() is called under the log's own sink mutex, one record at a time. A
+// record emitted from inside a sink's write() (a sink that logs) is dropped
+// rather than deadlocking on that mutex. A sink that throws loses its record;
+// logging never throws to the caller.
 #ifndef KQ_MIDDLEWARE_LOG_H_
 #define KQ_MIDDLEWARE_LOG_H_
 
@@ -22,6 +30,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ko {
@@ -29,7 +38,8 @@ namespace log {
 
 enum Level : int { silent = 0, fatal = 1, error = 2, warning = 3, info = 4, verbose = 5, debug = 6 };
 
-const char* levelName(int level);  // "fatal", "error", "warning", "info", "verbose", "debug"
+// "silent", "fatal", "error", "warning", "info", "verbose", "debug"; "unknown" outside 0..6.
+const char* levelName(int level);
 
 struct Record {
   int64_t timeSeconds = 0;
@@ -49,12 +59,14 @@ class Sink {
 };
 
 // "2026-11-22 13:40:01.123456 warning [KQWorldRepresentation] storeObject: Object cup already exists."
+// An empty function drops "storeObject: ". One write per line.
 class StderrSink : public Sink {
  public:
   void write(const Record& record) override;
 };
 
 // {"time":"2026-11-22T13:40:01.123456Z","level":"warning","category":"...","function":"...","message":"..."}
+// Fields in that order; bytes that are not UTF-8 become U+FFFD.
 class JsonSink : public Sink {
  public:
   explicit JsonSink(std::ostream& out);  // the stream must outlive the sink
@@ -85,10 +97,15 @@ int getCategoryLevel(const std::string& name);          // the default level whe
 void setDefaultLevel(int level);                        // for every category without its own level
 int getDefaultLevel();
 bool isEnabled(int level, const std::string& category);
+void clearCategoryLevel(const std::string& name);       // back to the default level
+// Categories that have a level of their own, with that level (for tests that
+// save and restore the log's state).
+std::vector<std::pair<std::string, int>> getCategoryLevels();
 
 void addSink(const std::shared_ptr<Sink>& sink);
 void removeSink(const std::shared_ptr<Sink>& sink);
 void setSinks(const std::vector<std::shared_ptr<Sink>>& sinks);  // replaces all, including stderr
+std::vector<std::shared_ptr<Sink>> getSinks();
 
 // Sends one record to every sink (timestamp taken here from ko::os).
 void emit(int level, const std::string& category, const char* file, const char* function, int line,

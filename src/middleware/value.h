@@ -7,8 +7,31 @@
 // type; the one widening that is accepted is reading an int as a float by
 // value (a caller that writes 1 where 1.0 is meant is not punished).
 //
+// Errors: every refusal is a KQError with module "KQValue", the accessor's
+// name as method ("toFloat", "operator int&", "operator[]", ...) and a message
+// such as "expected float, got string"; what() thus reads
+//   "KQValue.toFloat: expected float, got string"
+//
+// Equality and order: values of different types are never equal (the int 1
+// and the float 1.0 differ) and order by type first, in the order of Type.
+// Floats compare by value except that every NaN equals every other NaN and
+// sorts after all numbers, so that values stay usable as keys of ordered
+// containers.
+//
+// Text (toText and operator<<), stable because it lands in log lines:
+//   invalid  <invalid>
+//   bool     true / false
+//   int      -3
+//   float    shortest text that reads back to the same float, always with a
+//            "." or an exponent: 1.0, 0.1, 1e+20, -inf, nan
+//   string   "a \"quoted\" text\n" (JSON escapes; bytes >= 0x80 kept as is)
+//   array    [1, "a", [2.5]], empty []
+//
 // Threading: a value is a plain object; concurrent reads are safe, a write
-// needs the caller's own exclusion.
+// needs the caller's own exclusion. The non-const `operator float&` counts as
+// a write: on an int it widens the value to a float in place (the one place
+// where reading changes the value; a caller that writes 1 where 1.0 is meant
+// is not punished).
 #ifndef KQ_MIDDLEWARE_VALUE_H_
 #define KQ_MIDDLEWARE_VALUE_H_
 
@@ -96,7 +119,8 @@ class KQValue {
   std::string toText() const;
 
  private:
-  [[noreturn]] void xThrowWrongType(Type expected) const;
+  // Raises "expected <expected>, got <actual type>" for the accessor `method`.
+  [[noreturn]] void xThrowWrongType(Type expected, const char* method) const;
 
   Type type_ = Type::Invalid;
   bool bool_ = false;
