@@ -28,8 +28,10 @@
 #ifndef KQ_STORAGE_DATABASE_MANAGER_H_
 #define KQ_STORAGE_DATABASE_MANAGER_H_
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "middleware/value.h"
 
@@ -68,6 +70,20 @@ class KQDatabaseManager {
 
  private:
   class Connection;
+  class CachedStatement;
+
+  // Every x... helper below assumes an open connection (xReady said so).
+  // False, with an error line, when no database is open.
+  bool xReady(const char* function) const;
+  // Names of this database's own tables (SQLite's internal ones left out).
+  std::vector<std::string> xTableNames(int* status) const;
+  // Adds the (ObjectName, TimeS) index to a table that has both columns.
+  int xIndexTable(const std::string& table, const char* function);
+  // Runs `work` inside the open transaction, or inside one of its own.
+  int xInTransaction(const char* function, const std::function<int()>& work);
+  // Runs one read-only query holding caller text; rows typed by column.
+  KQValue xQuery(const std::string& sql, const char* function) const;
+
   std::shared_ptr<Connection> connection_;
 };
 
