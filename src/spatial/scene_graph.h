@@ -14,6 +14,11 @@
 // then for each child M of a visited node P: edge(M).acceptOnDownEdge(P, M)
 // then onNode(M) (a node's onNode always after its parent's); stopVisit.
 //
+// Invariants it owns: every present non-root node has a present parent, a
+// non-empty edge and a depth one more than its parent's; a node is listed in
+// its parent's children exactly once. Ids of removed nodes are handed out
+// again by later addNode calls (callers never keep an id past the node).
+//
 // Threading: no lock of its own. The owner serialises writers; the const
 // queries and the walks may run from several threads at once while nothing
 // changes the graph.
@@ -24,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "middleware/math.h"
 #include "spatial/edge_interface.h"
 #include "spatial/graph_node_data.h"
 #include "spatial/graph_visitor.h"
@@ -39,6 +45,7 @@ class KQSceneGraph {
     kNotAChild = 3,        // setDisplacement on a pair that is not parent and child
     kIsRoot = 4,           // the root has no parent and cannot be removed
     kNullEdge = 5,         // an edge that is an empty pointer
+    kNotADisplacement = 6, // getDisplacement met an edge that carries no pose
   };
 
   KQSceneGraph();
@@ -68,6 +75,10 @@ class KQSceneGraph {
  private:
   struct Node;
   bool xPresent(int id) const;
+  // Lowest common ancestor of two present nodes.
+  int xCommonAncestor(int a, int b) const;
+  // Pose of `id` in the frame of `ancestor`, an ancestor of `id` (or itself).
+  int xPoseBelow(Math::Quaternion& rotation, Math::Position3D& translation, int ancestor, int id) const;
   std::vector<Node> nodes_;  // indexed by id; removed ids are kept free
   std::vector<int> freeIds_;
   int count_ = 0;
