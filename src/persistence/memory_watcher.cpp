@@ -1,12 +1,188 @@
-// Placeholder definitions until this subsystem lands.
-#include "module/not_available.h"
+// The memory watcher: a thread that polls the memory keys "Object/" + name
+// and mirrors each into the world as an object of "kqmemoryobjects" with a
+// "Display" attribute, until it is stopped.
+//
+// It holds no module lock of its own: every change goes through the public
+// operations, which take theirs. running is true from the start request
+// until the thread has left its loop, its wind-up included; stop waits for
+// it, so once stopMemoryCheck returns the thread touches the module no more
+// (exit and the destructor stop it before anything is saved or destroyed).
+#include <exception>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "middleware/memory_proxy.h"
+#include "middleware/os.h"
+#include "module/module_log.h"
 #include "module/world_representation.h"
 
 namespace KQ {
 
-void KQWorldRepresentation::startMemoryCheck(const int&) { throwNotAvailable("startMemoryCheck"); }
-void KQWorldRepresentation::stopMemoryCheck() { throwNotAvailable("stopMemoryCheck"); }
-void KQWorldRepresentation::xCheckMemory() { throwNotAvailable("xCheckMemory"); }
-std::string KQWorldRepresentation::xGetObjectNameFromMemoryKey(const std::string&, const std::string&) const { throwNotAvailable("xGetObjectNameFromMemoryKey"); }
+namespace {
+
+const char* const kMemoryObjectPrefix = "Object/";
+const char* const kMemoryObjectCategory = "kqmemoryobjects";
+
+bool isNumber(const KQValue& value) { return value.isInt() || value.isFloat(); }
+
+bool isNumberArray(const KQValue& value, int size) {
+  if (!value.isArray() || value.getSize() != size) return false;
+  for (int i = 0; i < size; ++i)
+    if (!isNumber(value[i])) return false;
+  return true;
+}
+
+// [string, reference, position (6 or 3 numbers), model, scale (3), colour (3)].
+// The numbers are checked too: a text where a float belongs would otherwise
+// throw out of the pass and end the watcher for every other key.
+bool hasMemoryObjectFormat(const KQValue& value) {
+  if (!value.isArray() || value.getSize() != 6) return false;
+  if (!value[0].isString() || !value[1].isString() || !value[3].isString()) return false;
+  if (!isNumberArray(value[2], 6) && !isNumberArray(value[2], 3)) return false;
+  return isNumberArray(value[4], 3) && isNumberArray(value[5], 3);
+}
+
+KQValue pair(const char* field, const KQValue& value) {
+  KQValue entry;
+  entry.arrayPush(KQValue(field));
+  entry.arrayPush(value);
+  return entry;
+}
+
+// The "Display" attribute values: 8 [field, value] pairs in column order.
+KQValue displayValues(const std::string& name, const KQValue& value) {
+  const KQValue& model = value[3];
+  const KQValue& scale = value[4];
+  const KQValue& colour = value[5];
+  KQValue values;
+  values.arrayPush(pair("ObjectName", KQValue(name)));
+  values.arrayPush(pair("colorR", colour[0]));
+  values.arrayPush(pair("colorG", colour[1]));
+  values.arrayPush(pair("colorB", colour[2]));
+  values.arrayPush(pair("scaleX", scale[0]));
+  values.arrayPush(pair("scaleY", scale[1]));
+  values.arrayPush(pair("scaleZ", scale[2]));
+  values.arrayPush(pair("model", model));
+  return values;
+}
+
+}  // namespace
+
+void KQWorldRepresentation::startMemoryCheck(const int& period) {
+  std::lock_guard<std::mutex> stopLock(stopMutex_);
+  {
+    // running is claimed here rather than by the new thread, so that a
+    // second start cannot make a second thread and a stop issued right now
+    // waits for this one.
+    std::lock_guard<std::mutex> runningLock(runningMutex_);
+    if (running_) {
+      KQWR_WARNING("startMemoryCheck") << "Memory check is already running";
+      return;
+    }
+    running_ = true;
+  }
+  memoryCheckPeriod_ = period;
+  keepRunning_ = true;
+  try {
+    std::thread(&KQWorldRepresentation::xCheckMemory, this).detach();
+  } catch (const std::system_error& e) {
+    keepRunning_ = false;
+    std::lock_guard<std::mutex> runningLock(runningMutex_);
+    running_ = false;
+    runningCondition_.notify_all();
+    KQWR_ERROR("startMemoryCheck") << "Cannot start the memory check: " << e.what();
+  }
+}
+
+void KQWorldRepresentation::stopMemoryCheck() {
+  {
+    std::lock_guard<std::mutex> stopLock(stopMutex_);
+    keepRunning_ = false;
+  }
+  // Returns once the thread has finished its pass, its pending sleep of up
+  // to one period and its wind-up.
+  std::unique_lock<std::mutex> runningLock(runningMutex_);
+  runningCondition_.wait(runningLock, [this] { return !running_; });
+}
+
+std::string KQWorldRepresentation::xGetObjectNameFromMemoryKey(const std::string& key,
+                                                                const std::string& prefix) const {
+  // Cut at the prefix's length, not after the place where it was found.
+  if (key.find(prefix) == std::string::npos) return std::string();
+  return key.substr(prefix.size());
+}
+
+void KQWorldRepresentation::xCheckMemory() {
+  // Linux keeps 15 bytes of a thread name: "KQWorldRep-KQMe".
+  ko::os::setCurrentThreadName("KQWorldRep-KQMemory");
+  {
+    std::lock_guard<std::mutex> runningLock(runningMutex_);
+    running_ = true;
+    runningCondition_.notify_all();
+  }
+
+  try {
+    while (keepRunning_) {
+      ko::os::timeval passStart;
+      ko::os::gettimeofday(&passStart);
+      const std::vector<std::string> keys = memoryProxy_->getDataList(kMemoryObjectPrefix);
+      for (const std::string& key : keys) {
+        const std::string name = xGetObjectNameFromMemoryKey(key, kMemoryObjectPrefix);
+        const std::string condition = "ObjectName='" + name + "'";
+        const KQValue value = memoryProxy_->getData(key);
+        if (value.getSize() == 0) {
+          // An emptied key takes the object off the display; the object stays.
+          deleteObjectAttribute(name, displayAttributeName_, "1");
+          continue;
+        }
+        if (!hasMemoryObjectFormat(value)) {
+          KQWR_WARNING("xCheckMemory") << "Object in key " << key << " has not valid format: " << value;
+          continue;
+        }
+        const std::string& reference = value[1].toString();
+        std::vector<float> position = value[2].toFloatVector();
+        position.resize(6, 0.0f);  // x, y, z alone: no rotation
+        const KQValue display = displayValues(name, value);
+
+        if (!findObject(name)) {
+          KQValue attributes;
+          attributes.arrayPush(pair(displayAttributeName_.c_str(), display));
+          storeObject(name, reference, position, kMemoryObjectCategory, attributes);
+        } else {
+          // Its own name as reference keeps an existing object where it is;
+          // any other reference is ignored for an existing object.
+          if (reference == name) position = getPosition6D(getObjectParentName(name), name);
+          updateAttribute(name, displayAttributeName_, condition, display);
+          updatePosition(name, position, true);
+        }
+      }
+      // The period is counted from the start of the pass, in whole seconds:
+      // a pass longer than the period is followed at once by the next.
+      ko::os::timeval passEnd;
+      ko::os::gettimeofday(&passEnd);
+      const long long wait =
+          static_cast<long long>(memoryCheckPeriod_) - static_cast<long long>(passEnd.tv_sec - passStart.tv_sec);
+      if (wait > 0) ko::os::sleep(static_cast<unsigned>(wait));
+    }
+    // Every object still published leaves the display with the watcher.
+    for (const std::string& key : memoryProxy_->getDataList(kMemoryObjectPrefix))
+      deleteObjectAttribute(xGetObjectNameFromMemoryKey(key, kMemoryObjectPrefix), displayAttributeName_, "1");
+  } catch (const std::exception& e) {
+    // An error of the memory module or of an operation ends the watcher
+    // cleanly instead of the process; a new start makes a new thread.
+    KQWR_ERROR("xCheckMemory") << "Memory check stopped: " << e.what();
+  } catch (...) {
+    KQWR_ERROR("xCheckMemory") << "Memory check stopped: unknown error";
+  }
+
+  std::lock_guard<std::mutex> runningLock(runningMutex_);
+  running_ = false;
+  runningCondition_.notify_all();
+  // Nothing of the module is touched after this point: a waiting stop may
+  // return, and the module may go, as soon as the mutex is released.
+}
 
 }  // namespace KQ
