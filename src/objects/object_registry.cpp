@@ -1,22 +1,300 @@
-// Placeholder definitions until this subsystem lands.
-#include "module/not_available.h"
+// The registry of named objects: store (absolutely or relative to another
+// object), find, list and clear. An object is at once a scene-graph node, an
+// entry of the object map, a WorldObject payload on the node and rows in its
+// category's database; the operations here keep the four in step.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/thread/locks.hpp>
+
+#include "middleware/math.h"
+#include "module/module_log.h"
 #include "module/world_representation.h"
+#include "spatial/edge_interface.h"
+#include "spatial/names_visitor.h"
+#include "spatial/pose_conversions.h"
+#include "storage/world_object.h"
 
 namespace KQ {
 
-int KQWorldRepresentation::storeObject(const std::string&, const std::string&, const std::vector<float>&, const std::string&, const KQValue&) { throwNotAvailable("storeObject"); }
-int KQWorldRepresentation::storeObjectWithReference(const std::string&, const std::string&, const std::string&, const std::vector<float>&, const std::string&, const KQValue&) { throwNotAvailable("storeObjectWithReference"); }
-int KQWorldRepresentation::clearObject(const std::string&) { throwNotAvailable("clearObject"); }
-bool KQWorldRepresentation::findObject(const std::string&) { throwNotAvailable("findObject"); }
-std::vector<std::string> KQWorldRepresentation::getObjectNames() { throwNotAvailable("getObjectNames"); }
-std::vector<std::string> KQWorldRepresentation::getChildrenNames(const std::string&) { throwNotAvailable("getChildrenNames"); }
-std::string KQWorldRepresentation::getObjectParentName(const std::string&) { throwNotAvailable("getObjectParentName"); }
-std::string KQWorldRepresentation::getRootName() { throwNotAvailable("getRootName"); }
-std::vector<std::string> KQWorldRepresentation::xGetObjectNames() const { throwNotAvailable("xGetObjectNames"); }
-std::vector<std::string> KQWorldRepresentation::xGetChildren(const std::string&) const { throwNotAvailable("xGetChildren"); }
-std::vector<std::string> KQWorldRepresentation::xGetDescendantsNames(int) const { throwNotAvailable("xGetDescendantsNames"); }
-std::string KQWorldRepresentation::xGetObjectParentName(const std::string&) const { throwNotAvailable("xGetObjectParentName"); }
-int KQWorldRepresentation::xFindNodeId(const std::string&) const { throwNotAvailable("xFindNodeId"); }
-int KQWorldRepresentation::xStoreObject(const ko::os::timeval&, const std::string&, const std::string&, const std::vector<float>&, const std::string&, const KQValue&) { throwNotAvailable("xStoreObject"); }
+namespace {
+
+using SharedLock = boost::shared_lock<boost::shared_mutex>;
+using UniqueLock = boost::unique_lock<boost::shared_mutex>;
+
+// Every payload the module stores is a WorldObject; a node without one (or
+// with a foreign payload) reads as no object.
+const WorldObject* xObjectOf(const std::shared_ptr<GraphNodeData>& data) {
+  return dynamic_cast<const WorldObject*>(data.get());
+}
+
+}  // namespace
+
+int KQWorldRepresentation::xFindNodeId(const std::string& name) const {
+  auto found = objects_.find(name);
+  return found == objects_.end() ? -1 : found->second;
+}
+
+int KQWorldRepresentation::storeObject(const std::string& name, const std::string& parentName,
+                                       const std::vector<float>& position, const std::string& category,
+                                       const KQValue& attributes) {
+  // One reading stamps every row this call writes.
+  ko::os::timeval now;
+  ko::os::gettimeofday(&now);
+  if (!xCheckAttributesFormat(attributes)) {
+    KQWR_ERROR("storeObject") << "Wrong attributes format.";
+    return 1;
+  }
+  if (position.size() != 6) {
+    KQWR_ERROR("storeObject") << "Position format is not correct.";
+    return 1;
+  }
+  UniqueLock objectLock(objectLock_);
+  return xStoreObject(now, name, parentName, position, category, attributes);
+}
+
+int KQWorldRepresentation::xStoreObject(const ko::os::timeval& time, const std::string& name,
+                                        const std::string& parentName, const std::vector<float>& position,
+                                        const std::string& category, const KQValue& attributes) {
+  if (objects_.count(name) != 0) {
+    KQWR_WARNING("storeObject") << "Object " << name << " already exists.";
+    return 1;
+  }
+  const int parentId = xFindNodeId(parentName);
+  if (parentId < 0) {
+    KQWR_ERROR("storeObject") << "Parent " << parentName << " does not exist.";
+    return 1;
+  }
+
+  UniqueLock graphLock(graphLock_);
+  UniqueLock categoryLock(categoryLock_);
+  auto categoryEntry = categories_.find(category);
+  if (categoryEntry == categories_.end()) {
+    KQWR_ERROR("storeObject") << "Category " << category << " does not exist.";
+    return 1;
+  }
+  // All entries are checked before anything changes.
+  const int attributeCount = attributes.getSize();
+  for (int i = 0; i < attributeCount; ++i) {
+    const std::string& attributeName = attributes[i][0].toString();
+    if (!categoryEntry->second->hasAttribute(attributeName)) {
+      KQWR_ERROR("storeObject") << "Attribute " << attributeName << " is not part of category " << category;
+      return 1;
+    }
+  }
+
+  Math::Quaternion objectInParentRotation;
+  Math::Position3D objectInParentTranslation;
+  position6DToQuaternionTranslation(Math::Position6D(position), objectInParentRotation, objectInParentTranslation);
+  const std::vector<float> quaternion = objectInParentRotation.toVector();
+  const std::vector<float> translation = objectInParentTranslation.toVector();
+
+  int newId = -1;
+  const int added = graph_.addNode(newId, std::make_shared<Displacement>(quaternion, translation), parentId);
+  if (added != 0) {
+    KQWR_ERROR("storeObject") << "Error adding node " << name << " " << graph_.getErrorMessage(added);
+    return added;
+  }
+  objects_[name] = newId;
+  graph_.setNodeData(newId, std::make_shared<WorldObject>(name, categoryEntry->second));
+
+  // A category always has its database; one reopened without it is skipped
+  // rather than given an unbound entry.
+  auto database = databases_.find(category);
+  if (database != databases_.end()) {
+    KQDatabaseManager& db = database->second;
+    db.beginTransaction();
+    xStorePosition(db, name, parentName, quaternion, translation, time);
+    for (int i = 0; i < attributeCount; ++i) {
+      const KQValue& entry = attributes[i];
+      xStoreAttribute(db, time, name, entry[0].toString(), entry[1]);
+    }
+    db.endTransaction();
+  }
+  return 0;
+}
+
+int KQWorldRepresentation::storeObjectWithReference(const std::string& name, const std::string& parentName,
+                                                    const std::string& referenceName,
+                                                    const std::vector<float>& position, const std::string& category,
+                                                    const KQValue& attributes) {
+  if (!xCheckAttributesFormat(attributes)) {
+    // No final full stop, unlike storeObject's: kept as callers see it.
+    KQWR_ERROR("storeObjectWithReference") << "Wrong attributes format";
+    return 1;
+  }
+
+  Math::Position6D objectInParent;
+  {
+    SharedLock objectLock(objectLock_);
+    // Exclusive: the path may cross live robot edges, whose evaluation
+    // refreshes their cached transforms.
+    UniqueLock graphLock(graphLock_);
+    const int referenceId = xFindNodeId(referenceName);
+    if (referenceId < 0) {
+      KQWR_ERROR("storeObjectWithReference") << "Reference " << referenceName << " does not exist.";
+      return 1;
+    }
+    const int parentId = xFindNodeId(parentName);
+    if (parentId < 0) {
+      KQWR_ERROR("storeObjectWithReference") << "Parent " << parentName << " does not exist.";
+      return 1;
+    }
+    std::vector<float> referenceInParentQ;
+    std::vector<float> referenceInParentT;
+    graph_.getDisplacement(referenceInParentQ, referenceInParentT, parentId, referenceId);
+
+    Math::Quaternion objectInReferenceQ;
+    Math::Position3D objectInReferenceT;
+    position6DToQuaternionTranslation(Math::Position6D(position), objectInReferenceQ, objectInReferenceT);
+    const Math::Quaternion referenceQ(referenceInParentQ);
+    const Math::Position3D referenceT(referenceInParentT);
+    quaternionTranslationToPosition6D(referenceQ * objectInReferenceQ, referenceT + referenceQ * objectInReferenceT,
+                                      objectInParent);
+  }
+  const std::vector<float> composed = objectInParent.toVector();
+
+  KQValue copied(attributes);
+  const int attributeCount = copied.getSize();
+  for (int i = 0; i < attributeCount; ++i) {
+    if (copied[i][0].toString() == "positions") copied[i][1] = KQValue(composed);
+  }
+  // The shared locks are released: another caller may store the same name
+  // in between, and this store then fails with "already exists".
+  return storeObject(name, parentName, composed, category, copied);
+}
+
+int KQWorldRepresentation::clearObject(const std::string& name) {
+  // The torso is protected by its body-part name "Torso" (the frame itself
+  // is "Robot_Torso"): kept as callers know it.
+  if (name == rootName_ || name == "Torso") {
+    KQWR_ERROR("clearObject") << "Object " << name << " cannot be removed.";
+    return 1;
+  }
+  // Takes and releases its own shared locks before ours are taken.
+  const std::string category = getObjectCategory(name);
+
+  UniqueLock objectLock(objectLock_);
+  UniqueLock graphLock(graphLock_);
+  // Rows are deleted below, so the category lock is held too, before the
+  // joint lock, which only a joint needs.
+  UniqueLock categoryLock(categoryLock_);
+  UniqueLock jointLock(jointLock_, boost::defer_lock);
+  if (category == "joints") jointLock.lock();
+
+  const int id = xFindNodeId(name);
+  if (id < 0) {
+    KQWR_ERROR("clearObject") << "Cannot clear object " << name << ": object is not found.";
+    return 1;
+  }
+  const std::vector<std::string> descendantNames = xGetDescendantsNames(id);
+  std::vector<int> descendantIds;
+  const int listed = graph_.getDescendants(descendantIds, id);
+  if (listed != 0) {
+    KQWR_ERROR("clearObject") << "Error removing " << name << " from the graph: " << graph_.getErrorMessage(listed);
+    return listed;
+  }
+
+  // Rows go while the names are still in the object map: the attribute
+  // deletion looks every object up by name.
+  for (int descendantId : descendantIds) xClearAllAttributes(descendantId);
+  xClearAllAttributes(id);
+  for (const std::string& descendant : descendantNames) objects_.erase(descendant);
+
+  const int removed = graph_.removeNode(id);
+  if (removed != 0) {
+    KQWR_ERROR("clearObject") << "Error removing " << name << " with id " << id
+                              << " from the graph: " << graph_.getErrorMessage(removed);
+  }
+  objects_.erase(name);
+  if (jointLock.owns_lock()) joints_.erase(name);
+  return removed;
+}
+
+bool KQWorldRepresentation::findObject(const std::string& name) {
+  SharedLock objectLock(objectLock_);
+  SharedLock graphLock(graphLock_);
+  const int id = xFindNodeId(name);
+  return id >= 0 && graph_.isNodePresent(id) == 0;
+}
+
+std::vector<std::string> KQWorldRepresentation::getObjectNames() {
+  SharedLock graphLock(graphLock_);
+  return xGetObjectNames();
+}
+
+std::vector<std::string> KQWorldRepresentation::xGetObjectNames() const {
+  std::vector<std::string> names;
+  NamesVisitor visitor(names);
+  graph_.visitBFS(visitor, 0);
+  return names;
+}
+
+std::vector<std::string> KQWorldRepresentation::getChildrenNames(const std::string& name) {
+  SharedLock objectLock(objectLock_);
+  SharedLock graphLock(graphLock_);
+  return xGetChildren(name);
+}
+
+std::vector<std::string> KQWorldRepresentation::xGetChildren(const std::string& name) const {
+  std::vector<std::string> names;
+  const int id = xFindNodeId(name);
+  if (id < 0) return names;
+  std::vector<int> children;
+  const int result = graph_.getChildren(children, id);
+  if (result != 0) {
+    KQWR_ERROR("getChildrenNames") << "Cannot get children of object " << name << ": "
+                                   << graph_.getErrorMessage(result);
+    return names;
+  }
+  names.reserve(children.size());
+  for (int child : children) {
+    if (const WorldObject* object = xObjectOf(graph_.getNodeData(child))) names.push_back(object->getName());
+  }
+  return names;
+}
+
+std::vector<std::string> KQWorldRepresentation::xGetDescendantsNames(int id) const {
+  std::vector<std::string> names;
+  std::vector<int> descendants;
+  const int result = graph_.getDescendants(descendants, id);
+  if (result != 0) {
+    KQWR_ERROR("xGetDescendantsNames") << "Cannot get descendants: " << graph_.getErrorMessage(result);
+    return names;
+  }
+  names.reserve(descendants.size());
+  for (int descendant : descendants) {
+    if (const WorldObject* object = xObjectOf(graph_.getNodeData(descendant))) names.push_back(object->getName());
+  }
+  return names;
+}
+
+std::string KQWorldRepresentation::getObjectParentName(const std::string& name) {
+  // The root has no parent; answered without a lock or a log.
+  if (name == rootName_) return std::string();
+  SharedLock objectLock(objectLock_);
+  SharedLock graphLock(graphLock_);
+  return xGetObjectParentName(name);
+}
+
+std::string KQWorldRepresentation::xGetObjectParentName(const std::string& name) const {
+  if (name == rootName_) return std::string();
+  const int id = xFindNodeId(name);
+  if (id < 0) {
+    KQWR_ERROR("getObjectParentName") << "Object " << name << " does not " << "exist. Cannot get object parent";
+    return std::string();
+  }
+  int parent = -1;
+  const int result = graph_.getParent(parent, id);
+  if (result != 0) {
+    KQWR_ERROR("getObjectParentName") << "Cannot get parent of object " << name;
+    return std::string();
+  }
+  const WorldObject* object = xObjectOf(graph_.getNodeData(parent));
+  return object == nullptr ? std::string() : object->getName();
+}
+
+std::string KQWorldRepresentation::getRootName() { return rootName_; }
 
 }  // namespace KQ

@@ -1,15 +1,229 @@
-// Placeholder definitions until this subsystem lands.
-#include "module/not_available.h"
+// Position updates and present-time queries. An update replaces the edge
+// between an object and its parent, announces the change and optionally
+// appends a "positions" row; a query composes the edges along the tree path
+// between two objects.
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/thread/locks.hpp>
+
+#include "middleware/math.h"
+#include "middleware/memory_proxy.h"
+#include "module/module_log.h"
 #include "module/world_representation.h"
+#include "spatial/edge_interface.h"
+#include "spatial/path_visitor.h"
+#include "spatial/pose_conversions.h"
+#include "storage/world_object.h"
 
 namespace KQ {
 
-int KQWorldRepresentation::updatePosition(const std::string&, const std::vector<float>&, const bool&) { throwNotAvailable("updatePosition"); }
-int KQWorldRepresentation::updatePositionWithReference(const std::string&, const std::string&, const std::vector<float>&, const bool&) { throwNotAvailable("updatePositionWithReference"); }
-KQValue KQWorldRepresentation::getPosition(const std::string&, const std::string&) { throwNotAvailable("getPosition"); }
-std::vector<float> KQWorldRepresentation::getPosition6D(const std::string&, const std::string&) { throwNotAvailable("getPosition6D"); }
-void KQWorldRepresentation::xGetPosition(const std::string&, const std::string&, std::vector<float>&, std::vector<float>&) { throwNotAvailable("xGetPosition"); }
-int KQWorldRepresentation::xUpdatePosition(const std::string&, const std::vector<float>&, bool) { throwNotAvailable("xUpdatePosition"); }
-void KQWorldRepresentation::xStorePosition(KQDatabaseManager&, const std::string&, const std::string&, const std::vector<float>&, const std::vector<float>&, const ko::os::timeval&) { throwNotAvailable("xStorePosition"); }
+namespace {
+
+using SharedLock = boost::shared_lock<boost::shared_mutex>;
+using UniqueLock = boost::unique_lock<boost::shared_mutex>;
+
+const WorldObject* xObjectOf(const std::shared_ptr<GraphNodeData>& data) {
+  return dynamic_cast<const WorldObject*>(data.get());
+}
+
+float xAt(const std::vector<float>& values, std::size_t index) {
+  return index < values.size() ? values[index] : 0.0f;
+}
+
+// Fills `slot` with the pair [field, value] in place (no copy of a built
+// array: the KQValue array constructor copies its elements).
+void xSetPair(KQValue& slot, const char* field, KQValue&& value) {
+  slot.arraySetSize(2);
+  slot[0] = field;
+  slot[1] = std::move(value);
+}
+
+// [quaternion list, translation list], the pose form that crosses the
+// method boundary.
+KQValue xPose(const std::vector<float>& quaternion, const std::vector<float>& translation) {
+  KQValue pose;
+  pose.arraySetSize(2);
+  pose[0] = KQValue(quaternion);
+  pose[1] = KQValue(translation);
+  return pose;
+}
+
+}  // namespace
+
+int KQWorldRepresentation::updatePosition(const std::string& name, const std::vector<float>& position,
+                                          const bool& save) {
+  if (position.size() != 6) {
+    KQWR_ERROR("updatePosition") << "Position format is not correct.";
+    return 1;
+  }
+  SharedLock objectLock(objectLock_);
+  return xUpdatePosition(name, position, save);
+}
+
+int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::vector<float>& position,
+                                           bool save) {
+  // Stamps the history row, if one is written.
+  ko::os::timeval now;
+  ko::os::gettimeofday(&now);
+
+  const int id = xFindNodeId(name);
+  if (id < 0) {
+    KQWR_ERROR("updatePosition") << "Could not find child " << name;
+    return 1;
+  }
+  {
+    // The robot frames and the joints follow the motion module; a caller
+    // never moves them (the answer is still success).
+    SharedLock jointLock(jointLock_);
+    if (name == robotName_ || name == torsoName_ || joints_.count(name) != 0) return 0;
+  }
+
+  Math::Quaternion objectInParentRotation;
+  Math::Position3D objectInParentTranslation;
+  position6DToQuaternionTranslation(Math::Position6D(position), objectInParentRotation, objectInParentTranslation);
+  std::vector<float> quaternion = objectInParentRotation.toVector();
+  std::vector<float> translation = objectInParentTranslation.toVector();
+
+  UniqueLock graphLock(graphLock_);
+  const std::string category = xGetObjectCategory(name);
+  int parentId = -1;
+  graph_.getParent(parentId, id);
+  std::string parentName;
+  if (const WorldObject* parent = xObjectOf(graph_.getNodeData(parentId))) parentName = parent->getName();
+
+  const int result = graph_.setDisplacement(parentId, id, std::make_shared<Displacement>(quaternion, translation));
+  if (result != 0) {
+    KQWR_ERROR("updatePosition") << "Could not set displacement from " << parentName << " to " << name << ": "
+                                 << graph_.getErrorMessage(result);
+  } else {
+    // [name, rotation w x y z, translation x y z], both in the parent's frame.
+    // Raised with the locks held; a refusal of the memory module reaches
+    // the caller.
+    KQValue payload;
+    payload.arraySetSize(3);
+    payload[0] = name;
+    payload[1] = KQValue(quaternion);
+    payload[2] = KQValue(translation);
+    memoryProxy_->raiseEvent(positionChangedEventName_, payload);
+  }
+
+  // Written even when the edge could not be set: the history then holds a
+  // pose the graph never had. Kept in this order as the history's readers
+  // expect it.
+  if (save) {
+    UniqueLock categoryLock(categoryLock_);
+    auto database = databases_.find(category);
+    if (database != databases_.end())
+      xStorePosition(database->second, name, parentName, quaternion, translation, now);
+  }
+  return result;
+}
+
+int KQWorldRepresentation::updatePositionWithReference(const std::string& name, const std::string& reference,
+                                                       const std::vector<float>& position, const bool& save) {
+  // The object lock is taken once, shared, for the whole call; the rest
+  // goes through the private forms that assume it.
+  SharedLock objectLock(objectLock_);
+  if (xFindNodeId(name) < 0) {
+    KQWR_ERROR("updatePositionWithReference") << "Object " << name << " does not exist.";
+    return 1;
+  }
+  std::string parent;
+  {
+    SharedLock graphLock(graphLock_);
+    parent = xGetObjectParentName(name);
+  }
+  std::vector<float> referenceInParentQ;
+  std::vector<float> referenceInParentT;
+  {
+    UniqueLock graphLock(graphLock_);
+    xGetPosition(parent, reference, referenceInParentQ, referenceInParentT);
+  }
+
+  // An unknown reference leaves both lists empty, which read as identity:
+  // the position is then taken as relative to the parent.
+  const Math::Quaternion referenceQ(referenceInParentQ);
+  const Math::Position3D referenceT(referenceInParentT);
+  Math::Quaternion objectInReferenceQ;
+  Math::Position3D objectInReferenceT;
+  position6DToQuaternionTranslation(Math::Position6D(position), objectInReferenceQ, objectInReferenceT);
+  Math::Position6D objectInParent;
+  quaternionTranslationToPosition6D(referenceQ * objectInReferenceQ, referenceT + referenceQ * objectInReferenceT,
+                                    objectInParent);
+  return xUpdatePosition(name, objectInParent.toVector(), save);
+}
+
+void KQWorldRepresentation::xGetPosition(const std::string& first, const std::string& second,
+                                         std::vector<float>& quaternionOut, std::vector<float>& translationOut) {
+  quaternionOut.clear();
+  translationOut.clear();
+  const int firstId = xFindNodeId(first);
+  if (firstId < 0) {
+    KQWR_WARNING("xGetPosition") << "Cannot find reference";
+    return;
+  }
+  const int secondId = xFindNodeId(second);
+  if (secondId < 0) {
+    KQWR_WARNING("xGetPosition") << "Cannot find target";
+    return;
+  }
+  PathVisitor visitor;
+  const int result = graph_.visitPath(visitor, firstId, secondId);
+  if (result != 0) {
+    KQWR_WARNING("xGetPosition") << "Cannot get displacement: " << graph_.getErrorMessage(result);
+    return;
+  }
+  visitor.getDisplacement(quaternionOut, translationOut);
+}
+
+KQValue KQWorldRepresentation::getPosition(const std::string& first, const std::string& second) {
+  std::vector<float> quaternion;
+  std::vector<float> translation;
+  {
+    SharedLock objectLock(objectLock_);
+    // Exclusive although it only reads: live robot edges refresh their
+    // cached transforms when evaluated.
+    UniqueLock graphLock(graphLock_);
+    xGetPosition(first, second, quaternion, translation);
+  }
+  return xPose(quaternion, translation);
+}
+
+std::vector<float> KQWorldRepresentation::getPosition6D(const std::string& first, const std::string& second) {
+  // The same locks and walk as getPosition, without the round trip through
+  // a KQValue. After a failed query both lists are empty, which convert to
+  // the identity: 6 zeros.
+  std::vector<float> quaternion;
+  std::vector<float> translation;
+  {
+    SharedLock objectLock(objectLock_);
+    UniqueLock graphLock(graphLock_);
+    xGetPosition(first, second, quaternion, translation);
+  }
+  Math::Position6D pose;
+  quaternionTranslationToPosition6D(Math::Quaternion(quaternion), Math::Position3D(translation), pose);
+  return pose.toVector();
+}
+
+void KQWorldRepresentation::xStorePosition(KQDatabaseManager& db, const std::string& name,
+                                           const std::string& parentName, const std::vector<float>& quaternion,
+                                           const std::vector<float>& translation, const ko::os::timeval& time) {
+  // The 8 pairs of a "positions" row; xStoreAttribute adds "ObjectName",
+  // "TimeS" and "TimeUS".
+  KQValue row;
+  row.arraySetSize(8);
+  xSetPair(row[0], "ParentName", KQValue(parentName));
+  xSetPair(row[1], "QuatW", KQValue(xAt(quaternion, 0)));
+  xSetPair(row[2], "QuatX", KQValue(xAt(quaternion, 1)));
+  xSetPair(row[3], "QuatY", KQValue(xAt(quaternion, 2)));
+  xSetPair(row[4], "QuatZ", KQValue(xAt(quaternion, 3)));
+  xSetPair(row[5], "X", KQValue(xAt(translation, 0)));
+  xSetPair(row[6], "Y", KQValue(xAt(translation, 1)));
+  xSetPair(row[7], "Z", KQValue(xAt(translation, 2)));
+  xStoreAttribute(db, time, name, "positions", row);
+}
 
 }  // namespace KQ

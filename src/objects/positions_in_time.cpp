@@ -1,10 +1,80 @@
-// Placeholder definitions until this subsystem lands.
-#include "module/not_available.h"
+// Positions in the past: the pose of one object in the frame of another a
+// number of seconds ago, composed along the tree path from the position
+// histories by InterPosVisitor.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <boost/thread/locks.hpp>
+
+#include "middleware/math.h"
+#include "module/module_log.h"
 #include "module/world_representation.h"
+#include "objects/inter_pos_visitor.h"
 
 namespace KQ {
 
-std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string&, const std::string&, const int&, const int&) { throwNotAvailable("getPosition6DAtTime"); }
-KQValue KQWorldRepresentation::getPositionAtTime(const std::string&, const std::string&, const int&, const int&) { throwNotAvailable("getPositionAtTime"); }
+namespace {
+
+using SharedLock = boost::shared_lock<boost::shared_mutex>;
+
+// The requested instant in whole seconds since the epoch, counted back from
+// the present second (32-bit like the "TimeS" column).
+int xRequestedSecond(const ko::os::timeval& now, int secondsAgo) {
+  return static_cast<int>(static_cast<int64_t>(now.tv_sec) - static_cast<int64_t>(secondsAgo));
+}
+
+}  // namespace
+
+std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string& reference,
+                                                              const std::string& object, const int& secondsAgo,
+                                                              const int& type) {
+  ko::os::timeval now;
+  ko::os::gettimeofday(&now);
+  // All three shared: time queries run alongside each other and alongside
+  // present-time reads, never alongside writers.
+  SharedLock objectLock(objectLock_);
+  SharedLock graphLock(graphLock_);
+  SharedLock categoryLock(categoryLock_);
+  const int referenceId = xFindNodeId(reference);
+  if (referenceId < 0) {
+    KQWR_ERROR("getPosition6DAtTime") << "Reference not found";
+    return std::vector<float>();
+  }
+  const int objectId = xFindNodeId(object);
+  if (objectId < 0) {
+    KQWR_ERROR("getPosition6DAtTime") << "Object not found";
+    return std::vector<float>();
+  }
+  InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
+  graph_.visitPath(visitor, referenceId, objectId);
+  return visitor.getPosition6D().toVector();
+}
+
+KQValue KQWorldRepresentation::getPositionAtTime(const std::string& reference, const std::string& object,
+                                                 const int& secondsAgo, const int& type) {
+  ko::os::timeval now;
+  ko::os::gettimeofday(&now);
+  SharedLock objectLock(objectLock_);
+  SharedLock graphLock(graphLock_);
+  SharedLock categoryLock(categoryLock_);
+  const int referenceId = xFindNodeId(reference);
+  if (referenceId < 0) {
+    KQWR_ERROR("getPositionAtTime") << "Reference not found";
+    return KQValue();
+  }
+  const int objectId = xFindNodeId(object);
+  if (objectId < 0) {
+    KQWR_ERROR("getPositionAtTime") << "Object not found";
+    return KQValue();
+  }
+  InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
+  graph_.visitPath(visitor, referenceId, objectId);
+  KQValue pose;
+  pose.arraySetSize(2);
+  pose[0] = KQValue(visitor.getQuaternion().toVector());
+  pose[1] = KQValue(visitor.getTranslation().toVector());
+  return pose;
+}
 
 }  // namespace KQ

@@ -1,0 +1,200 @@
+#include "objects/inter_pos_visitor.h"
+
+#include <string>
+
+#include "module/module_log.h"
+#include "spatial/edge_interface.h"
+#include "spatial/motion_displacement.h"
+#include "spatial/odometry_displacement.h"
+#include "spatial/pose_conversions.h"
+#include "storage/database_manager.h"
+#include "storage/world_object.h"
+
+namespace KQ {
+
+namespace {
+
+// A numeric cell of a select result: "int" columns come back as ints,
+// "float" columns as floats; anything else (NULL, text) is no number.
+bool xNumber(const KQValue& cell, float& out) {
+  if (cell.isFloat()) {
+    out = cell.toFloat();
+    return true;
+  }
+  if (cell.isInt()) {
+    out = static_cast<float>(cell.toInt());
+    return true;
+  }
+  return false;
+}
+
+bool xSeconds(const KQValue& row, int& out) {
+  if (!row.isArray() || row.getSize() < 2) return false;
+  const KQValue& cell = row[1];
+  if (cell.isInt()) {
+    out = cell.toInt();
+    return true;
+  }
+  if (cell.isFloat()) {
+    out = static_cast<int>(cell.toFloat());
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+InterPosVisitor::InterPosVisitor(DatabaseMap* databases, int time, int type)
+    : time_(time), type_(type), databases_(databases) {}
+
+void InterPosVisitor::startVisit() {
+  SimplePathVisitor::startVisit();
+  currentName_.clear();
+  currentCategory_.clear();
+  upRecords_.clear();
+  downRecords_.clear();
+  upPoses_.clear();
+  downPoses_.clear();
+  quaternion_ = Math::Quaternion();
+  translation_ = Math::Position3D();
+}
+
+void InterPosVisitor::onNode(int id, std::shared_ptr<GraphNodeData> data) {
+  SimplePathVisitor::onNode(id, data);
+  // Every node the module makes carries a WorldObject; a bare node is
+  // treated as an object without name or category (it has no history).
+  const WorldObject* object = dynamic_cast<const WorldObject*>(data.get());
+  if (object == nullptr) {
+    currentName_.clear();
+    currentCategory_.clear();
+    return;
+  }
+  currentName_ = object->getName();
+  currentCategory_ = object->getCategoryName();
+}
+
+void InterPosVisitor::xRecordUp(DisplacementInterface& edge) {
+  // The node being left is the edge's child.
+  upRecords_.emplace_back(currentName_, currentCategory_);
+  upPoses_.emplace_back(Math::Quaternion(edge.getQuaternion()), Math::Position3D(edge.getTranslation()));
+}
+
+void InterPosVisitor::xRecordDown(DisplacementInterface& edge) {
+  // The current node is still the edge's parent here; stopVisit shifts.
+  downRecords_.emplace_back(currentName_, currentCategory_);
+  downPoses_.emplace_back(Math::Quaternion(edge.getQuaternion()), Math::Position3D(edge.getTranslation()));
+}
+
+void InterPosVisitor::onUpEdge(int, int, Displacement& edge) { xRecordUp(edge); }
+void InterPosVisitor::onUpEdge(int, int, KQMotionDisplacement& edge) { xRecordUp(edge); }
+void InterPosVisitor::onUpEdge(int, int, KQOdometryDisplacement& edge) { xRecordUp(edge); }
+void InterPosVisitor::onDownEdge(int, int, Displacement& edge) { xRecordDown(edge); }
+void InterPosVisitor::onDownEdge(int, int, KQMotionDisplacement& edge) { xRecordDown(edge); }
+void InterPosVisitor::onDownEdge(int, int, KQOdometryDisplacement& edge) { xRecordDown(edge); }
+
+void InterPosVisitor::stopVisit() {
+  if (!downRecords_.empty()) {
+    downRecords_.erase(downRecords_.begin());
+    downRecords_.emplace_back(currentName_, currentCategory_);
+  }
+
+  // One working pose for the whole walk: xInterpolate of type 1 does not
+  // write the rotation, so an edge inherits the rotation the previous edge
+  // left here. Kept as callers rely on these answers.
+  Math::Quaternion q;
+  Math::Position3D t;
+
+  for (std::size_t i = 0; i < upRecords_.size(); ++i) {
+    const Pose& present = upPoses_[i];
+    Math::Position3D negated;
+    if (xInterpolate(upRecords_[i].first, upRecords_[i].second, q, t) == 0) {
+      q = q.inverse();
+      negated = -t;
+    } else {
+      q = present.first.inverse();
+      negated = -present.second;
+    }
+    // Only negated, not rotated by the inverse rotation: kept on purpose.
+    t = negated;
+    translation_ += quaternion_ * negated;
+    quaternion_ = quaternion_ * q;
+  }
+
+  for (std::size_t i = 0; i < downRecords_.size(); ++i) {
+    if (xInterpolate(downRecords_[i].first, downRecords_[i].second, q, t) != 0) {
+      q = downPoses_[i].first;
+      t = downPoses_[i].second;
+    }
+    translation_ += quaternion_ * t;
+    quaternion_ = quaternion_ * q;
+  }
+}
+
+Math::Position6D InterPosVisitor::getPosition6D() const {
+  Math::Position6D pose;
+  quaternionTranslationToPosition6D(quaternion_, translation_, pose);
+  return pose;
+}
+
+bool InterPosVisitor::xRetrieveDisplacement(const KQValue& row, Math::Quaternion& quaternion,
+                                            Math::Position3D& translation) {
+  if (!row.isArray() || row.getSize() < 11) return false;
+  float v[7];
+  for (int i = 0; i < 7; ++i) {
+    if (!xNumber(row[4 + i], v[i])) return false;
+  }
+  quaternion = Math::Quaternion(v[0], v[1], v[2], v[3]);
+  translation = Math::Position3D(v[4], v[5], v[6]);
+  return true;
+}
+
+int InterPosVisitor::xInterpolate(const std::string& name, const std::string& category,
+                                  Math::Quaternion& quaternion, Math::Position3D& translation) {
+  // Subscript on purpose: a category without an open database gets an empty
+  // (unbound) entry that answers every query with no rows. Looked up first so
+  // that the common case never writes the map.
+  auto found = databases_->find(category);
+  KQDatabaseManager& db = found != databases_->end() ? found->second : (*databases_)[category];
+
+  const std::string timeText = std::to_string(time_);
+  const std::string objectCondition = "ObjectName='" + name + "' AND TimeS ";
+  // Rows of the requested second match neither query ("<" and ">").
+  const KQValue earlier = db.selectWithOrder("positions", objectCondition + "<" + timeText, "TimeS DESC", "*", 1);
+  const KQValue later = db.selectWithOrder("positions", objectCondition + ">" + timeText, "TimeS ASC", "*", 1);
+
+  if (!earlier.isArray() || earlier.getSize() == 0) return 1;
+  if (!later.isArray() || later.getSize() == 0) return 2;
+
+  // A row that cannot be read (a cell a caller stored as text, or NULL)
+  // counts as absent: the edge keeps its present pose.
+  Math::Quaternion q1, q2;
+  Math::Position3D t1, t2;
+  int s1 = 0, s2 = 0;
+  if (!xSeconds(earlier[0], s1) || !xRetrieveDisplacement(earlier[0], q1, t1)) return 1;
+  if (!xSeconds(later[0], s2) || !xRetrieveDisplacement(later[0], q2, t2)) return 2;
+
+  if (type_ == 1) {
+    const float elapsed = static_cast<float>(time_ - s1);
+    const float span = static_cast<float>(s2 - s1);
+    translation.x = t1.x + (t2.x - t1.x) * elapsed / span;
+    translation.y = t1.y + (t2.y - t1.y) * elapsed / span;
+    translation.z = t1.z + (t2.z - t1.z) * elapsed / span;
+    return 0;
+  }
+  if (type_ == 0) {
+    // The translation comes from the later row in both branches: kept.
+    if ((time_ - s1) >= (s2 - time_)) {
+      quaternion = q2;
+    } else {
+      quaternion = q1;
+    }
+    translation = t2;
+    return 0;
+  }
+  KQWR_ERROR("xInterpolate") << "Wrong interpolation type: " << type_ << ". Must be 0 or 1.";
+  return 1;
+}
+
+void InterPosVisitor::xSlerp(const Math::Quaternion&, const Math::Quaternion&, float, Math::Quaternion) {}
+
+}  // namespace KQ
