@@ -182,9 +182,11 @@ void KQValue::arraySetSize(int size) {
 }
 
 void KQValue::arrayPush(const KQValue& element) {
-  if (type_ == Type::Invalid) type_ = Type::Array;
-  if (type_ != Type::Array) xThrowWrongType(Type::Array, "arrayPush");
-  array_.push_back(element);
+  if (type_ != Type::Invalid && type_ != Type::Array) xThrowWrongType(Type::Array, "arrayPush");
+  // Copy first: `element` may be this very value or one of its elements.
+  KQValue copy(element);
+  type_ = Type::Array;
+  array_.push_back(std::move(copy));
 }
 
 KQValue& KQValue::operator[](int index) {
