@@ -1,0 +1,67 @@
+#include "support/world_fixture.h"
+
+#include <exception>
+
+#include "middleware/path.h"
+
+namespace KQ {
+namespace test {
+
+const char* const WorldFixture::kGhostJoint = "LWristGhost";
+
+const std::vector<std::string>& WorldFixture::defaultBodyNames() {
+  static const std::vector<std::string> names = {"Torso", "HeadYaw", "LShoulderPitch", "RShoulderPitch",
+                                                 kGhostJoint};
+  return names;
+}
+
+void WorldFixture::SetUp() {
+  tempDir_ = std::make_unique<TempDir>();
+  dataDir_ = tempDir_->path();
+  ko::path::setComponentDataPath("worldrepresentation", dataDir_);
+  logs_ = std::make_unique<LogCapture>();
+
+  broker_ = std::make_shared<KQBroker>("kqtest");
+  motion_ = KQ::KQModule::createModule<ScriptedMotionModule>(broker_, "KQMotion");
+  motion_->setBodyNames(defaultBodyNames());
+  motion_->setUnknown(kGhostJoint);
+  memory_ = KQ::KQModule::createModule<RecordingMemoryModule>(broker_, "KQMemory");
+
+  configureModules();
+  if (createWorldInSetUp()) createWorld();
+}
+
+void WorldFixture::createWorld() {
+  world_ = KQ::KQModule::createModule<KQWorldRepresentation>(broker_, "KQWorldRepresentation");
+}
+
+void WorldFixture::destroyWorld() {
+  if (!world_) return;
+  try {
+    world_->exit();
+  } catch (const std::exception& e) {
+    ADD_FAILURE() << "exit() of the world threw: " << e.what();
+  }
+  world_.reset();
+}
+
+void WorldFixture::TearDown() {
+  // The world goes first: its destructor saves into the data directory and
+  // closes the category databases, which must still exist then.
+  destroyWorld();
+  if (memory_) memory_->exit();
+  if (motion_) motion_->exit();
+  memory_.reset();
+  motion_.reset();
+  broker_.reset();
+  logs_.reset();
+  ko::path::setComponentDataPath("worldrepresentation", "");
+  tempDir_.reset();
+}
+
+std::string WorldFixture::databasePath(const std::string& category) const {
+  return dataDir_ + "/" + category + ".sqlite";
+}
+
+}  // namespace test
+}  // namespace KQ
