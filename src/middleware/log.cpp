@@ -149,7 +149,7 @@ void addCategory(const std::string& name) {
 void setCategoryLevel(const std::string& name, int level) {
   Levels& state = levels();
   std::unique_lock<std::shared_mutex> lock(state.mutex);
-  int& slot = state.categories[name];
+  int& slot = state.categories.try_emplace(name, kUnset).first->second;
   if (slot == kUnset) state.ownLevels.fetch_add(1);
   slot = clampLevel(level);
 }
