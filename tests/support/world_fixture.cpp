@@ -59,6 +59,13 @@ void WorldFixture::TearDown() {
   tempDir_.reset();
 }
 
+std::vector<std::string> WorldFixture::worldLog() const {
+  std::vector<std::string> lines;
+  for (const ko::log::Record& record : logs_->find("KQWorldRepresentation"))
+    lines.push_back(std::string(ko::log::levelName(record.level)) + " " + record.function + ": " + record.message);
+  return lines;
+}
+
 std::string WorldFixture::databasePath(const std::string& category) const {
   return dataDir_ + "/" + category + ".sqlite";
 }

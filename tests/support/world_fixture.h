@@ -24,6 +24,7 @@
 #ifndef KQ_TESTS_SUPPORT_WORLD_FIXTURE_H_
 #define KQ_TESTS_SUPPORT_WORLD_FIXTURE_H_
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +40,9 @@
 
 namespace KQ {
 namespace test {
+
+// An array value written inline: list({"kg", 2.5f}) is ["kg", 2.5].
+inline KQValue list(std::initializer_list<KQValue> items) { return KQValue(std::vector<KQValue>(items)); }
 
 class WorldFixture : public ::testing::Test {
  public:
@@ -66,6 +70,9 @@ class WorldFixture : public ::testing::Test {
   RecordingMemoryModule& memory() { return *memory_; }
   ScriptedMotionModule& motion() { return *motion_; }
   LogCapture& logs() { return *logs_; }
+  // The world's own log lines (category "KQWorldRepresentation") so far, each
+  // as "<level name> <function>: <message>".
+  std::vector<std::string> worldLog() const;
   std::shared_ptr<KQBroker> broker() { return broker_; }
   const std::string& dataDir() const { return dataDir_; }
   // dataDir() + "/" + category + ".sqlite"
