@@ -1,0 +1,185 @@
+#include "middleware/net/http_session.h"
+
+#include <chrono>
+#include <utility>
+
+#include <boost/asio/post.hpp>
+#include <boost/beast/websocket.hpp>
+
+#include "middleware/net/websocket_session.h"
+
+namespace KQ {
+namespace net {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+
+namespace {
+
+std::vector<std::string> ownHostsOf(const asio::ip::tcp::socket& socket, const std::string& boundHost) {
+  std::vector<std::string> hosts{boundHost};
+  beast::error_code ec;
+  const auto local = socket.local_endpoint(ec);
+  if (!ec) hosts.push_back(local.address().to_string());
+  return hosts;
+}
+
+std::string_view view(beast::string_view text) { return std::string_view(text.data(), text.size()); }
+
+}  // namespace
+
+HttpSession::HttpSession(asio::ip::tcp::socket socket, ServerContext& context)
+    : stream_(std::move(socket)),
+      context_(context),
+      guard_(context.options.token, context.port, ownHostsOf(stream_.socket(), context.options.host)) {}
+
+HttpSession::~HttpSession() { context_.connections.remove(this); }
+
+void HttpSession::run() {
+  context_.connections.add(this, shared_from_this());
+  xReadHeader();
+}
+
+void HttpSession::shutdown() { xClose(); }
+
+void HttpSession::xClose() {
+  if (closed_) return;
+  closed_ = true;
+  beast::error_code ec;
+  stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_both, ec);
+  stream_.close();
+}
+
+void HttpSession::xReadHeader() {
+  if (closed_) return;
+  parser_.emplace();
+  parser_->body_limit(context_.options.maxMessageBytes);
+  stream_.expires_after(std::chrono::seconds(context_.options.idleTimeoutSeconds));
+  http::async_read_header(stream_, buffer_, *parser_,
+                          [self = shared_from_this()](beast::error_code ec, std::size_t) { self->xOnHeader(ec); });
+}
+
+void HttpSession::xOnHeader(beast::error_code ec) {
+  if (closed_) return;
+  if (ec) {
+    // end_of_stream: the client is done; timeout: idle; anything else is a
+    // malformed request, which gets no more of our time than a close.
+    if (ec == http::error::header_limit) return xRefuse(http::status::request_header_fields_too_large,
+                                                        "Request header too large.");
+    return xClose();
+  }
+  const auto& request = parser_->get();
+  const auto originField = request.find(http::field::origin);
+  std::string_view origin;
+  if (originField != request.end()) origin = view(originField->value());
+  if (!guard_.originAllowed(originField != request.end() ? &origin : nullptr))
+    return xRefuse(http::status::forbidden, "Requests from another site's page are refused.");
+  if (!guard_.authorized(view(request[http::field::authorization]), view(request.target())))
+    return xRefuse(http::status::unauthorized, "A valid token is required.");
+
+  const std::string_view path = targetPath(view(request.target()));
+  if (path == "/ws") {
+    if (!beast::websocket::is_upgrade(request))
+      return xRefuse(http::status::bad_request, "GET /ws expects a WebSocket upgrade.");
+    return xUpgrade();
+  }
+  if (path != "/rpc") return xRefuse(http::status::not_found, "Not found: use POST /rpc or GET /ws.");
+  if (request.method() != http::verb::post) {
+    auto response = std::make_shared<Response>(http::status::method_not_allowed, request.version());
+    response->set(http::field::allow, "POST");
+    response->set(http::field::content_type, "text/plain");
+    response->body() = "POST /rpc only.";
+    response->keep_alive(false);
+    response->prepare_payload();
+    return xSend(std::move(response));
+  }
+  if (!isJsonContentType(view(request[http::field::content_type])))
+    return xRefuse(http::status::unsupported_media_type, "POST /rpc requires Content-Type: application/json.");
+  const auto declared = parser_->content_length();
+  if (declared && *declared > context_.options.maxMessageBytes)
+    return xRefuse(http::status::payload_too_large,
+                   "Message larger than " + std::to_string(context_.options.maxMessageBytes) + " bytes.");
+
+  if (beast::iequals(request[http::field::expect], "100-continue")) {
+    // curl and others wait for this before sending a larger body.
+    auto proceed = std::make_shared<http::response<http::empty_body>>(http::status::continue_, request.version());
+    http::async_write(stream_, *proceed, [self = shared_from_this(), proceed](beast::error_code ec, std::size_t) {
+      if (ec) return self->xClose();
+      self->xReadBody();
+    });
+    return;
+  }
+  xReadBody();
+}
+
+void HttpSession::xReadBody() {
+  if (closed_) return;
+  http::async_read(stream_, buffer_, *parser_,
+                   [self = shared_from_this()](beast::error_code ec, std::size_t) { self->xOnBody(ec); });
+}
+
+void HttpSession::xOnBody(beast::error_code ec) {
+  if (closed_) return;
+  if (ec == http::error::body_limit)
+    return xRefuse(http::status::payload_too_large,
+                   "Message larger than " + std::to_string(context_.options.maxMessageBytes) + " bytes.");
+  if (ec) return xClose();
+
+  // No timer while the call runs: a call may wait on a module's lock for as
+  // long as it takes.
+  stream_.expires_never();
+  Request request = parser_->release();
+  const bool keepAlive = request.keep_alive();
+  const unsigned version = request.version();
+  auto self = shared_from_this();
+  const bool posted = context_.pool.post([self, body = std::move(request.body()), keepAlive, version]() mutable {
+    std::string reply = self->context_.dispatcher.handle(body, nullptr);
+    asio::post(self->stream_.get_executor(), [self, reply = std::move(reply), keepAlive, version]() mutable {
+      // A notification has nothing to answer.
+      auto response = std::make_shared<Response>(reply.empty() ? http::status::no_content : http::status::ok,
+                                                 version);
+      if (!reply.empty()) response->set(http::field::content_type, "application/json");
+      response->body() = std::move(reply);
+      response->keep_alive(keepAlive);
+      response->prepare_payload();
+      self->xSend(std::move(response));
+    });
+  });
+  if (!posted) xClose();
+}
+
+void HttpSession::xUpgrade() {
+  // An upgrade request has no body; reading "the rest" finishes the parser.
+  http::async_read(stream_, buffer_, *parser_, [self = shared_from_this()](beast::error_code ec, std::size_t) {
+    if (self->closed_) return;
+    if (ec) return self->xClose();
+    self->closed_ = true;  // the socket now belongs to the WebSocket session
+    self->stream_.expires_never();
+    auto session = std::make_shared<WebSocketSession>(std::move(self->stream_), self->context_);
+    session->run(self->parser_->release());
+  });
+}
+
+void HttpSession::xRefuse(http::status status, const std::string& text, bool closeAfter) {
+  auto response = std::make_shared<Response>(status, parser_ ? parser_->get().version() : 11);
+  response->set(http::field::content_type, "text/plain");
+  if (status == http::status::unauthorized) response->set(http::field::www_authenticate, "Bearer");
+  response->body() = text + "\n";
+  response->keep_alive(!closeAfter);
+  response->prepare_payload();
+  xSend(std::move(response));
+}
+
+void HttpSession::xSend(std::shared_ptr<Response> response) {
+  if (closed_) return;
+  // A client that stops reading gets the idle timeout, not a stuck worker.
+  stream_.expires_after(std::chrono::seconds(context_.options.idleTimeoutSeconds));
+  http::async_write(stream_, *response, [self = shared_from_this(), response](beast::error_code ec, std::size_t) {
+    if (ec || !response->keep_alive()) return self->xClose();
+    self->xReadHeader();
+  });
+}
+
+}  // namespace net
+}  // namespace KQ

@@ -1,0 +1,210 @@
+#include "middleware/net/rpc_dispatcher.h"
+
+#include <exception>
+#include <utility>
+#include <vector>
+
+#include "middleware/broker.h"
+#include "middleware/error.h"
+#include "middleware/method_binding.h"
+#include "middleware/module.h"
+#include "middleware/net/json_codec.h"
+
+namespace KQ {
+namespace net {
+
+namespace {
+
+using json = nlohmann::json;
+
+// Carries a JSON-RPC error from deep inside a call to its reply.
+struct RpcFailure {
+  int code;
+  std::string message;
+};
+
+json errorReply(const json& id, int code, const std::string& message, const json* data = nullptr) {
+  json error = {{"code", code}, {"message", message}};
+  if (data) error["data"] = *data;
+  return json{{"jsonrpc", "2.0"}, {"error", std::move(error)}, {"id", id}};
+}
+
+// Strings from modules are not checked for UTF-8 on the way in; a broken one
+// is written with replacement characters instead of failing the whole reply.
+std::string dumpJson(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+bool isValidId(const json& id) { return id.is_string() || id.is_number() || id.is_null(); }
+
+int argumentCount(const json* params) { return params ? static_cast<int>(params->size()) : 0; }
+
+// The single string argument of the built-in methods (subscribe, unsubscribe,
+// broker.methods), checked like a bound method checks its own.
+std::string stringArgument(const std::string& module, const std::string& method, const json* params) {
+  try {
+    if (argumentCount(params) != 1) binding::throwArgumentCountError(module, method, 1, argumentCount(params));
+    const KQValue value = fromJson((*params)[0]);
+    if (!value.isString())
+      binding::throwArgumentError(binding::ArgumentContext{module, method, 1}, "string", value);
+    return value.toString();
+  } catch (const KQArgumentError& e) {
+    if (e.getModuleName().empty() && e.getMethodName().empty())  // from the codec
+      throw RpcFailure{kInvalidParams, KQError(module, method, "argument 1: " + e.getMessage()).what()};
+    throw RpcFailure{kInvalidParams, e.what()};
+  }
+}
+
+}  // namespace
+
+RpcDispatcher::RpcDispatcher(std::shared_ptr<KQBroker> broker) : broker_(std::move(broker)) {}
+
+std::string RpcDispatcher::eventNotification(const std::string& event, const json& value) {
+  return dumpJson(json{{"jsonrpc", "2.0"}, {"method", "event"}, {"params", json::array({event, value})}});
+}
+
+std::string RpcDispatcher::handle(std::string_view text, RpcSubscriptions* subscriptions) const {
+  try {
+    json document;
+    std::string detail;
+    switch (parseJson(text, document, kMaxJsonDepth, &detail)) {
+      case ParseOutcome::TooDeep:
+        return dumpJson(errorReply(nullptr, kInvalidRequest,
+                                   "Invalid Request: nested deeper than " + std::to_string(kMaxJsonDepth) +
+                                       " levels"));
+      case ParseOutcome::SyntaxError: {
+        const json data = detail;
+        return dumpJson(errorReply(nullptr, kParseError, "Parse error", &data));
+      }
+      case ParseOutcome::Ok:
+        break;
+    }
+    if (document.is_array()) {
+      if (document.empty()) return dumpJson(errorReply(nullptr, kInvalidRequest, "Invalid Request: empty batch"));
+      json replies = json::array();
+      for (const json& request : document) {
+        json reply = xHandleOne(request, subscriptions);
+        if (!reply.is_null()) replies.push_back(std::move(reply));
+      }
+      return replies.empty() ? std::string() : dumpJson(replies);
+    }
+    json reply = xHandleOne(document, subscriptions);
+    return reply.is_null() ? std::string() : dumpJson(reply);
+  } catch (const std::exception& e) {
+    // Only running out of memory can land here; answer rather than drop.
+    return dumpJson(errorReply(nullptr, kMethodFailed, std::string("Server error: ") + e.what()));
+  }
+}
+
+json RpcDispatcher::xHandleOne(const json& request, RpcSubscriptions* subscriptions) const {
+  if (!request.is_object()) return errorReply(nullptr, kInvalidRequest, "Invalid Request: not an object");
+  const auto idField = request.find("id");
+  const bool isNotification = idField == request.end();
+  if (!isNotification && !isValidId(*idField))
+    return errorReply(nullptr, kInvalidRequest, "Invalid Request: \"id\" must be a string, a number or null");
+  const json id = isNotification ? json() : *idField;
+
+  const auto version = request.find("jsonrpc");
+  if (version == request.end() || !version->is_string() || version->get_ref<const std::string&>() != "2.0")
+    return errorReply(id, kInvalidRequest, "Invalid Request: \"jsonrpc\" must be \"2.0\"");
+  const auto method = request.find("method");
+  if (method == request.end() || !method->is_string())
+    return errorReply(id, kInvalidRequest, "Invalid Request: \"method\" must be a string");
+  const auto paramsField = request.find("params");
+  const json* params = paramsField == request.end() ? nullptr : &*paramsField;
+  if (params && !params->is_array() && !params->is_object())
+    return errorReply(id, kInvalidRequest, "Invalid Request: \"params\" must be an array");
+
+  try {
+    json result = xCall(method->get_ref<const std::string&>(), params, subscriptions);
+    if (isNotification) return json();
+    return json{{"jsonrpc", "2.0"}, {"result", std::move(result)}, {"id", id}};
+  } catch (const RpcFailure& failure) {
+    if (isNotification) return json();
+    return errorReply(id, failure.code, failure.message);
+  }
+}
+
+json RpcDispatcher::xCall(const std::string& name, const json* params, RpcSubscriptions* subscriptions) const {
+  if (name == "subscribe" || name == "unsubscribe") {
+    if (subscriptions == nullptr)
+      throw RpcFailure{kMethodNotFound, "Unknown method: " + name + " (events need a WebSocket at /ws)"};
+    if (params && params->is_object())
+      throw RpcFailure{kInvalidParams, name + ": params must be an array of positional arguments"};
+    const std::string event = stringArgument("", name, params);
+    try {
+      return name == "subscribe" ? subscriptions->subscribe(event) : subscriptions->unsubscribe(event);
+    } catch (const std::exception& e) {
+      throw RpcFailure{kMethodFailed, e.what()};
+    }
+  }
+
+  const std::size_t dot = name.find('.');
+  if (dot == std::string::npos || dot == 0 || dot + 1 == name.size())
+    throw RpcFailure{kMethodNotFound, "Unknown method: " + name + " (expected <Module>.<method>)"};
+  const std::string moduleName = name.substr(0, dot);
+  const std::string methodName = name.substr(dot + 1);
+
+  if (moduleName == "broker") {
+    if (params && params->is_object())
+      throw RpcFailure{kInvalidParams, name + ": params must be an array of positional arguments"};
+    if (methodName == "modules") {
+      if (argumentCount(params) != 0) {
+        try {
+          binding::throwArgumentCountError("broker", "modules", 0, argumentCount(params));
+        } catch (const KQArgumentError& e) {
+          throw RpcFailure{kInvalidParams, e.what()};
+        }
+      }
+      return broker_->getModuleNames();
+    }
+    if (methodName == "methods") {
+      const std::string target = stringArgument("broker", "methods", params);
+      const std::shared_ptr<KQModuleCore> module = broker_->getModule(target);
+      if (!module) throw RpcFailure{kMethodNotFound, "Unknown module: " + target};
+      json list = json::array();
+      for (const KQMethodDescription& method : module->getMethodList())
+        list.push_back(json::array({method.name, method.description}));
+      return list;
+    }
+    throw RpcFailure{kMethodNotFound, "Unknown method: " + name};
+  }
+
+  const std::shared_ptr<KQModuleCore> module = broker_->getModule(moduleName);
+  if (!module) throw RpcFailure{kMethodNotFound, "Unknown module: " + moduleName};
+  if (!module->hasMethod(methodName))
+    throw RpcFailure{kMethodNotFound,
+                     KQError(moduleName, methodName, "no method " + methodName + " in module " + moduleName).what()};
+  if (params && params->is_object())
+    throw RpcFailure{kInvalidParams, name + ": params must be an array of positional arguments"};
+
+  std::vector<KQValue> arguments;
+  arguments.reserve(static_cast<std::size_t>(argumentCount(params)));
+  for (int i = 0; i < argumentCount(params); ++i) {
+    try {
+      arguments.push_back(fromJson((*params)[static_cast<std::size_t>(i)]));
+    } catch (const KQArgumentError& e) {
+      throw RpcFailure{kInvalidParams, KQError(moduleName, methodName,
+                                               "argument " + std::to_string(i + 1) + ": " + e.getMessage())
+                                           .what()};
+    }
+  }
+  KQValue args(arguments);
+
+  KQValue result;
+  try {
+    result = module->callMethod(methodName, args);
+  } catch (const KQArgumentError& e) {
+    throw RpcFailure{kInvalidParams, e.what()};
+  } catch (const KQUnknownMethodError& e) {
+    throw RpcFailure{kMethodNotFound, e.what()};
+  } catch (const std::exception& e) {
+    // KQError and anything else a module lets escape: the call failed, the
+    // server goes on.
+    throw RpcFailure{kMethodFailed, e.what()};
+  } catch (...) {
+    throw RpcFailure{kMethodFailed, KQError(moduleName, methodName, "failed with an unknown exception").what()};
+  }
+  return toJson(result);
+}
+
+}  // namespace net
+}  // namespace KQ

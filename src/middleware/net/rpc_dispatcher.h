@@ -1,0 +1,76 @@
+// RpcDispatcher: turns one JSON-RPC 2.0 message (single request,
+// notification or batch) into the text of its reply, by calling the broker's
+// modules. Knows nothing of sockets: the HTTP and WebSocket sessions hand it
+// the text they read and send back what it returns.
+//
+// Error codes: -32700 parse error, -32600 invalid request (including JSON
+// nested deeper than 64 levels and an empty batch), -32601 unknown module or
+// method, -32602 wrong argument count or type (the message names the
+// argument), -32000 an error raised by the method (its text as message).
+// Nothing a client sends can make it throw.
+//
+// Threading: handle() may run on any number of threads at once; it holds no
+// lock while a module runs. The broker is shared with its owner.
+#ifndef KQ_MIDDLEWARE_NET_RPC_DISPATCHER_H_
+#define KQ_MIDDLEWARE_NET_RPC_DISPATCHER_H_
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace KQ {
+
+class KQBroker;
+
+namespace net {
+
+// Error codes of JSON-RPC 2.0 and the one this server adds for a method's
+// own failure.
+enum RpcErrorCode : int {
+  kParseError = -32700,
+  kInvalidRequest = -32600,
+  kMethodNotFound = -32601,
+  kInvalidParams = -32602,
+  kMethodFailed = -32000,
+};
+
+// What a connection offers beyond plain calls: the WebSocket sessions take
+// "subscribe"/"unsubscribe"; over HTTP these names are unknown methods.
+class RpcSubscriptions {
+ public:
+  virtual ~RpcSubscriptions() = default;
+  // Both return true when they changed something (a second subscribe to the
+  // same event is not a second subscription). May throw KQError.
+  virtual bool subscribe(const std::string& event) = 0;
+  virtual bool unsubscribe(const std::string& event) = 0;
+};
+
+class RpcDispatcher {
+ public:
+  explicit RpcDispatcher(std::shared_ptr<KQBroker> broker);
+
+  // The reply's text; empty when there is nothing to answer (a notification,
+  // or a batch of notifications only). subscriptions may be null.
+  std::string handle(std::string_view text, RpcSubscriptions* subscriptions) const;
+
+  // The notification that carries a raised event to a subscriber.
+  static std::string eventNotification(const std::string& event, const nlohmann::json& value);
+
+  const std::shared_ptr<KQBroker>& broker() const { return broker_; }
+
+ private:
+  // One request object (or anything found where one should be); returns null
+  // JSON for a notification. No lock is held.
+  nlohmann::json xHandleOne(const nlohmann::json& request, RpcSubscriptions* subscriptions) const;
+  nlohmann::json xCall(const std::string& method, const nlohmann::json* params,
+                       RpcSubscriptions* subscriptions) const;
+
+  std::shared_ptr<KQBroker> broker_;
+};
+
+}  // namespace net
+}  // namespace KQ
+
+#endif  // KQ_MIDDLEWARE_NET_RPC_DISPATCHER_H_
