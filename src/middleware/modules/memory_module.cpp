@@ -1,0 +1,122 @@
+#include "middleware/modules/memory_module.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "middleware/error.h"
+#include "middleware/log.h"
+
+namespace KQ {
+
+KQMemoryModule::KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name)
+    : KQModule(std::move(broker), name) {
+  functionName("insertData", getName(), "Store a value under a key, replacing the previous one.");
+  advertiseMethod(&KQMemoryModule::insertData);
+  functionName("getData", getName(), "Get the value stored under a key.");
+  advertiseMethod(&KQMemoryModule::getData);
+  functionName("getDataList", getName(), "Get the keys that contain the given text.");
+  advertiseMethod(&KQMemoryModule::getDataList);
+  functionName("removeData", getName(), "Remove a key and its value.");
+  advertiseMethod(&KQMemoryModule::removeData);
+  functionName("declareEvent", getName(), "Declare an event.");
+  advertiseMethod(&KQMemoryModule::declareEvent);
+  functionName("raiseEvent", getName(), "Store a value under an event's name and notify its subscribers.");
+  advertiseMethod(&KQMemoryModule::raiseEvent);
+  functionName("getEventList", getName(), "Get the declared events.");
+  advertiseMethod(&KQMemoryModule::getEventList);
+}
+
+KQMemoryModule::~KQMemoryModule() = default;
+
+void KQMemoryModule::insertData(const std::string& key, const KQValue& value) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  data_[key] = value;
+}
+
+KQValue KQMemoryModule::getData(const std::string& key) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = data_.find(key);
+  if (found == data_.end()) throw KQError(getName(), "getData", "There is no data under key " + key + ".", "", 0);
+  return found->second;
+}
+
+std::vector<std::string> KQMemoryModule::getDataList(const std::string& filter) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> keys;
+  for (const auto& entry : data_) {
+    if (entry.first.find(filter) != std::string::npos) keys.push_back(entry.first);
+  }
+  return keys;
+}
+
+void KQMemoryModule::removeData(const std::string& key) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  data_.erase(key);
+}
+
+void KQMemoryModule::declareEvent(const std::string& name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  xDeclareEvent(name);
+}
+
+void KQMemoryModule::xDeclareEvent(const std::string& name) {
+  if (std::find(events_.begin(), events_.end(), name) == events_.end()) events_.push_back(name);
+}
+
+void KQMemoryModule::raiseEvent(const std::string& name, const KQValue& value) {
+  std::vector<std::shared_ptr<Subscription>> receivers;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    xDeclareEvent(name);
+    data_[name] = value;
+    for (const auto& entry : subscriptions_) {
+      if (entry.second->event == name) receivers.push_back(entry.second);
+    }
+  }
+  // Outside mutex_: a callback may read the value back or raise another event.
+  for (const auto& receiver : receivers) {
+    std::lock_guard<std::recursive_mutex> callLock(receiver->callMutex);
+    if (!receiver->active) continue;
+    try {
+      receiver->callback(name, value);
+    } catch (const std::exception& e) {
+      // One failing subscriber must not keep the event from the others nor
+      // fail the raiser.
+      KO_LOG(ko::log::warning, getName(), "", "raiseEvent", 0)
+          << "A subscriber of " << name << " failed: " << e.what();
+    }
+  }
+}
+
+std::vector<std::string> KQMemoryModule::getEventList() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return events_;
+}
+
+uint64_t KQMemoryModule::subscribeEvent(const std::string& event, KQEventCallback callback) {
+  auto subscription = std::make_shared<Subscription>();
+  subscription->event = event;
+  subscription->callback = std::move(callback);
+  std::lock_guard<std::mutex> lock(mutex_);
+  const uint64_t id = nextSubscriptionId_++;
+  subscriptions_[id] = std::move(subscription);
+  return id;
+}
+
+void KQMemoryModule::unsubscribeEvent(uint64_t id) {
+  std::shared_ptr<Subscription> subscription;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = subscriptions_.find(id);
+    if (found == subscriptions_.end()) return;
+    subscription = found->second;
+    subscriptions_.erase(found);
+  }
+  // Waits for a call running on another thread; from inside the callback
+  // itself the recursive mutex lets it through.
+  std::lock_guard<std::recursive_mutex> callLock(subscription->callMutex);
+  subscription->active = false;
+}
+
+}  // namespace KQ

@@ -1,0 +1,79 @@
+// KQMemoryModule: the built-in "KQMemory", the robot's shared blackboard of
+// named values and the hub of its events.
+//
+// Invariants: a key holds exactly one value; raising an event stores the
+// value under the event's name (so getData of an event name answers its last
+// value) and declares the event if it was not yet declared. The event list
+// keeps declaration order, each name once. getDataList answers keys in
+// lexicographic order.
+//
+// Subscribers: a callback runs on the thread that raised the event, after
+// the module's lock is released (a callback may call the module again). Once
+// unsubscribeEvent(id) returns, that callback is not running on any other
+// thread and never runs again; so a subscriber must not hold, while it
+// unsubscribes, a lock its own callback takes.
+//
+// Threading: every member is safe from any thread; mutex_ guards the data,
+// the events and the subscription table.
+#ifndef KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_
+#define KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "middleware/module.h"
+#include "middleware/proxy.h"
+#include "middleware/value.h"
+
+namespace KQ {
+
+class KQBroker;
+
+class KQMemoryModule : public KQModule, public KQEventSource {
+ public:
+  static constexpr const char* kModuleName = "KQMemory";
+
+  KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name);
+  ~KQMemoryModule() override;
+
+  // Remotely callable.
+  void insertData(const std::string& key, const KQValue& value);
+  KQValue getData(const std::string& key);  // KQError for an absent key
+  std::vector<std::string> getDataList(const std::string& filter);
+  void removeData(const std::string& key);  // an absent key is no error
+  void declareEvent(const std::string& name);
+  void raiseEvent(const std::string& name, const KQValue& value);
+  std::vector<std::string> getEventList();
+
+  // KQEventSource.
+  uint64_t subscribeEvent(const std::string& event, KQEventCallback callback) override;
+  void unsubscribeEvent(uint64_t id) override;
+
+ private:
+  // One subscriber. callMutex is held while its callback runs, so that
+  // unsubscribing waits for a running call; it is recursive because a
+  // callback may raise its own event again or unsubscribe itself.
+  struct Subscription {
+    std::string event;
+    KQEventCallback callback;
+    std::recursive_mutex callMutex;
+    bool active = true;  // guarded by callMutex
+  };
+
+  // Adds the name to the event list when absent. Caller holds mutex_.
+  void xDeclareEvent(const std::string& name);
+
+  std::mutex mutex_;
+  std::map<std::string, KQValue> data_;
+  std::vector<std::string> events_;
+  std::map<uint64_t, std::shared_ptr<Subscription>> subscriptions_;
+  uint64_t nextSubscriptionId_ = 1;
+};
+
+}  // namespace KQ
+
+#endif  // KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_

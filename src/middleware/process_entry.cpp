@@ -1,0 +1,413 @@
+#include "middleware/process_entry.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "middleware/broker.h"
+#include "middleware/error.h"
+#include "middleware/log.h"
+#include "middleware/modules/default_robot.h"
+#include "middleware/modules/memory_module.h"
+#include "middleware/modules/motion_module.h"
+#include "middleware/modules/robot_model.h"
+#include "middleware/net/remote_proxy.h"
+#include "middleware/net/rpc_client.h"
+#include "middleware/net/rpc_server.h"
+#include "middleware/path.h"
+#include "middleware/value.h"
+
+namespace KQTools {
+namespace {
+
+constexpr int kUsageStatus = 2;
+constexpr int kStartStatus = 1;
+
+struct ProcessOptions {
+  std::string host = "127.0.0.1";
+  unsigned short port = 9480;
+  std::string dataDir;  // empty: the user data folder
+  std::string parentUrl;
+  std::string robotFile;  // empty: the built-in description
+  std::string torsoLink = "Torso";
+  std::optional<int> logLevel;
+  bool logJson = false;
+  std::optional<std::string> token;
+  std::string tokenFile;
+  std::size_t maxMessageBytes = 1 << 20;
+  bool help = false;
+};
+
+// Ends a start that cannot work: one line, nothing else. Flushes first and
+// skips static destructors, which could race threads that are still running.
+[[noreturn]] void failStart(const std::string& processName, const std::string& reason, int status) {
+  std::cout.flush();
+  std::cerr << processName << ": " << reason << std::endl;
+  std::_Exit(status);
+}
+
+std::string usage(const std::string& processName, const std::string& component) {
+  std::ostringstream out;
+  out << "Usage: " << processName << " [options]\n"
+      << "\n"
+      << "Runs the world model as a service: a broker hosting KQWorldRepresentation,\n"
+      << "with the built-in KQMemory and a simulated KQMotion unless --parent names a\n"
+      << "broker that hosts them, served as JSON-RPC 2.0 over HTTP (POST /rpc) and\n"
+      << "WebSocket (GET /ws). SIGINT or SIGTERM saves the world and exits with 0.\n"
+      << "\n"
+      << "Options:\n"
+      << "  --host HOST          address to listen on (default 127.0.0.1); an address\n"
+      << "                       beyond loopback needs a token\n"
+      << "  --port PORT          port to listen on (default 9480; 0 picks a free one)\n"
+      << "  --data-dir DIR       folder of the category databases and of nodes.xml and\n"
+      << "                       edges.xml (default $KQ_DATA_HOME/" << component << ", else\n"
+      << "                       $XDG_DATA_HOME/kq/" << component << ", else\n"
+      << "                       ~/.local/share/kq/" << component << ")\n"
+      << "  --parent URL         use KQMemory and KQMotion of the broker at URL (for\n"
+      << "                       example http://127.0.0.1:9480) when it hosts them\n"
+      << "  --robot FILE         URDF robot description driven by the simulated KQMotion\n"
+      << "                       (default: the built-in " << KQ::kDefaultRobotSource << ")\n"
+      << "  --torso-link NAME    link of the description that is the robot's torso\n"
+      << "                       (default Torso)\n"
+      << "  --log-level N        0 silent, 1 fatal, 2 error, 3 warning, 4 info (default),\n"
+      << "                       5 verbose, 6 debug\n"
+      << "  --log-json           write log lines on stderr as one JSON object each\n"
+      << "  --token TOKEN        require this bearer token from every client (also used\n"
+      << "                       towards --parent)\n"
+      << "  --token-file FILE    read the token from the first line of FILE\n"
+      << "  --max-message BYTES  largest request accepted (default 1048576)\n"
+      << "  --help               print this help and exit\n"
+      << "\n"
+      << "Environment: KQ_TOKEN is the token when neither --token nor --token-file is\n"
+      << "given. Logs go to stderr.\n";
+  return out.str();
+}
+
+bool parseUnsigned(const std::string& text, unsigned long long maximum, unsigned long long& out) {
+  if (text.empty() || text.size() > 20) return false;
+  unsigned long long value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    const unsigned long long digit = static_cast<unsigned long long>(c - '0');
+    if (value > (maximum - digit) / 10) return false;
+    value = value * 10 + digit;
+  }
+  out = value;
+  return true;
+}
+
+ProcessOptions parseOptions(const std::string& processName, int argc, char* argv[]) {
+  ProcessOptions options;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  auto bad = [&](const std::string& reason) {
+    failStart(processName, reason + " (see --help)", kUsageStatus);
+  };
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    std::string name = args[i];
+    std::optional<std::string> inlineValue;
+    const std::size_t equals = name.find('=');
+    if (name.rfind("--", 0) == 0 && equals != std::string::npos) {
+      inlineValue = name.substr(equals + 1);
+      name = name.substr(0, equals);
+    }
+    auto value = [&]() -> std::string {
+      if (inlineValue) return *inlineValue;
+      if (i + 1 >= args.size()) bad("Option " + name + " needs a value");
+      return args[++i];
+    };
+    auto noValue = [&]() {
+      if (inlineValue) bad("Option " + name + " takes no value");
+    };
+    unsigned long long number = 0;
+    if (name == "--help" || name == "-h") {
+      noValue();
+      options.help = true;
+    } else if (name == "--host") {
+      options.host = value();
+      if (options.host.empty()) bad("Option --host needs a non-empty address");
+    } else if (name == "--port") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 65535, number)) bad("Option --port needs a port number from 0 to 65535, not " + text);
+      options.port = static_cast<unsigned short>(number);
+    } else if (name == "--data-dir") {
+      options.dataDir = value();
+      if (options.dataDir.empty()) bad("Option --data-dir needs a folder");
+    } else if (name == "--parent") {
+      options.parentUrl = value();
+    } else if (name == "--robot") {
+      options.robotFile = value();
+      if (options.robotFile.empty()) bad("Option --robot needs a file");
+    } else if (name == "--torso-link") {
+      options.torsoLink = value();
+      if (options.torsoLink.empty()) bad("Option --torso-link needs a link name");
+    } else if (name == "--log-level") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 6, number)) bad("Option --log-level needs a level from 0 to 6, not " + text);
+      options.logLevel = static_cast<int>(number);
+    } else if (name == "--log-json") {
+      noValue();
+      options.logJson = true;
+    } else if (name == "--token") {
+      options.token = value();
+    } else if (name == "--token-file") {
+      options.tokenFile = value();
+    } else if (name == "--max-message") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 1ull << 40, number) || number == 0)
+        bad("Option --max-message needs a positive number of bytes, not " + text);
+      options.maxMessageBytes = static_cast<std::size_t>(number);
+    } else {
+      bad("Unknown option " + args[i]);
+    }
+  }
+  return options;
+}
+
+// --token wins over --token-file, which wins over KQ_TOKEN.
+std::string resolveToken(const std::string& processName, const ProcessOptions& options) {
+  if (options.token) {
+    if (options.token->empty()) failStart(processName, "Option --token needs a non-empty token", kUsageStatus);
+    return *options.token;
+  }
+  if (!options.tokenFile.empty()) {
+    std::ifstream in(options.tokenFile);
+    if (!in) failStart(processName, "Cannot read token file " + options.tokenFile + ": " + std::strerror(errno),
+                       kStartStatus);
+    std::string line;
+    std::getline(in, line);
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == '\t')) line.pop_back();
+    if (line.empty()) failStart(processName, "Token file " + options.tokenFile + " holds no token", kStartStatus);
+    return line;
+  }
+  const char* fromEnvironment = std::getenv("KQ_TOKEN");
+  return fromEnvironment ? std::string(fromEnvironment) : std::string();
+}
+
+bool isLoopback(const sockaddr* address) {
+  if (address->sa_family == AF_INET) {
+    const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
+    return (ntohl(v4->sin_addr.s_addr) >> 24) == 127;
+  }
+  if (address->sa_family == AF_INET6) {
+    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
+    if (IN6_IS_ADDR_LOOPBACK(&v6->sin6_addr)) return true;
+    if (IN6_IS_ADDR_V4MAPPED(&v6->sin6_addr)) return v6->sin6_addr.s6_addr[12] == 127;
+  }
+  return false;
+}
+
+// Resolves the address to listen on, refuses a non-loopback one without a
+// token, and tries to bind the port so that a taken port is reported before
+// anything is created (a second instance must not touch the first one's
+// databases). The server binds again for real later.
+void checkListenAddress(const std::string& processName, const ProcessOptions& options, bool hasToken) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  const std::string service = std::to_string(options.port);
+  const int resolved = ::getaddrinfo(options.host.c_str(), service.c_str(), &hints, &found);
+  if (resolved != 0 || found == nullptr)
+    failStart(processName, "Cannot listen on " + options.host + ":" + service + ": " + ::gai_strerror(resolved),
+              kStartStatus);
+  bool loopback = true;
+  for (const addrinfo* entry = found; entry != nullptr; entry = entry->ai_next)
+    loopback = loopback && isLoopback(entry->ai_addr);
+  if (!loopback && !hasToken) {
+    ::freeaddrinfo(found);
+    failStart(processName,
+              "Refusing to listen on " + options.host +
+                  " without a token: anyone on the network could drive the robot (give --token, --token-file or "
+                  "KQ_TOKEN)",
+              kStartStatus);
+  }
+  if (options.port != 0) {
+    const int probe = ::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, found->ai_protocol);
+    if (probe >= 0) {
+      const int yes = 1;
+      ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+      const int bound = ::bind(probe, found->ai_addr, found->ai_addrlen);
+      const int bindError = errno;
+      ::close(probe);
+      if (bound != 0) {
+        ::freeaddrinfo(found);
+        failStart(processName, "Cannot listen on " + options.host + ":" + service + ": " + std::strerror(bindError),
+                  kStartStatus);
+      }
+    }
+  }
+  ::freeaddrinfo(found);
+}
+
+// Makes the data folder, proves it writable and returns it.
+std::string prepareDataFolder(const std::string& processName, const ProcessOptions& options,
+                              const std::string& component) {
+  std::string folder;
+  if (!options.dataDir.empty()) {
+    std::error_code error;
+    std::filesystem::path absolute = std::filesystem::absolute(options.dataDir, error);
+    folder = error ? options.dataDir : absolute.lexically_normal().string();
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    ko::path::setComponentDataPath(component, folder);
+  } else {
+    // The path layer warns on its own when it cannot make the folder; the
+    // one line below says it better.
+    const int pathLevel = ko::log::getCategoryLevel("ko.path");
+    ko::log::setCategoryLevel("ko.path", ko::log::silent);
+    folder = ko::path::userWritableDataPath(component, "");
+    ko::log::setCategoryLevel("ko.path", pathLevel);
+  }
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (error) failStart(processName, "Cannot use data directory " + folder + ": " + error.message(), kStartStatus);
+  const std::string probe = folder + "/.write-test-" + std::to_string(::getpid());
+  {
+    std::ofstream out(probe);
+    if (!out || !(out << "ok") || !out.flush()) {
+      const int writeError = errno;
+      std::remove(probe.c_str());
+      failStart(processName, "Cannot write to data directory " + folder + ": " + std::strerror(writeError),
+                kStartStatus);
+    }
+  }
+  std::remove(probe.c_str());
+  return folder;
+}
+
+std::vector<std::string> parentModules(const std::string& processName, const std::string& url,
+                                       const std::string& token) {
+  try {
+    KQ::net::RpcClient client(url, token);
+    KQ::KQValue names = client.call("broker.modules", KQ::KQValue());
+    return names.toStringVector();
+  } catch (const std::exception& e) {
+    failStart(processName, "Cannot reach parent broker " + url + ": " + e.what(), kStartStatus);
+  }
+}
+
+KQ::RobotModel loadRobot(const std::string& processName, const ProcessOptions& options) {
+  try {
+    if (options.robotFile.empty())
+      return KQ::RobotModel::fromText(KQ::defaultRobotDescription(), options.torsoLink, KQ::kDefaultRobotSource);
+    return KQ::RobotModel::fromFile(options.robotFile, options.torsoLink);
+  } catch (const std::exception& e) {
+    failStart(processName, e.what(), kStartStatus);
+  }
+}
+
+// Exits what was created, then ends with one line.
+[[noreturn]] void failAfterStart(const std::string& processName, const std::shared_ptr<KQ::KQBroker>& broker,
+                                 const std::string& reason) {
+  try {
+    broker->shutdown();
+  } catch (const std::exception&) {
+    // The line below is what matters; the modules are going away anyway.
+  }
+  failStart(processName, reason, kStartStatus);
+}
+
+}  // namespace
+
+int mainFunction(const std::string& processName, int argc, char* argv[],
+                 std::function<int(std::shared_ptr<KQ::KQBroker>)> createModule) {
+  // Before any thread exists, so that every thread inherits the mask and the
+  // signals reach only the sigwait below.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  // A client that vanishes must not kill the process through a write.
+  ::signal(SIGPIPE, SIG_IGN);
+
+  const std::string component = processName.rfind("kq", 0) == 0 ? processName.substr(2) : processName;
+  const ProcessOptions options = parseOptions(processName, argc, argv);
+  if (options.help) {
+    std::cout << usage(processName, component);
+    return 0;
+  }
+
+  if (options.logLevel) ko::log::setDefaultLevel(*options.logLevel);
+  if (options.logJson) ko::log::setSinks({std::make_shared<ko::log::JsonSink>(std::cerr)});
+
+  const std::string token = resolveToken(processName, options);
+  checkListenAddress(processName, options, !token.empty());
+  const std::string dataFolder = prepareDataFolder(processName, options, component);
+
+  bool needMemory = true;
+  bool needMotion = true;
+  if (!options.parentUrl.empty()) {
+    for (const std::string& name : parentModules(processName, options.parentUrl, token)) {
+      needMemory = needMemory && name != KQ::KQMemoryModule::kModuleName;
+      needMotion = needMotion && name != KQ::KQMotionModule::kModuleName;
+    }
+  }
+  std::optional<KQ::RobotModel> robot;
+  if (needMotion) robot.emplace(loadRobot(processName, options));
+
+  auto broker = std::make_shared<KQ::KQBroker>(processName);
+  if (!options.parentUrl.empty())
+    broker->setRemoteProxyFactory(KQ::net::makeRemoteProxyFactory(options.parentUrl, token));
+
+  // KQMemory and KQMotion come first: the module fetches their proxies in its
+  // constructor.
+  std::shared_ptr<KQ::KQMemoryModule> memory;
+  std::shared_ptr<KQ::KQMotionModule> motion;
+  try {
+    if (needMemory) memory = KQ::KQModule::createModule<KQ::KQMemoryModule>(broker, KQ::KQMemoryModule::kModuleName);
+    if (needMotion) {
+      motion = std::make_shared<KQ::KQMotionModule>(broker, KQ::KQMotionModule::kModuleName, std::move(*robot));
+      motion->initModule();
+      motion->init();
+    }
+    createModule(broker);
+  } catch (const std::exception& e) {
+    failAfterStart(processName, broker, std::string("Cannot start the modules: ") + e.what());
+  }
+
+  KQ::net::RpcServerOptions serverOptions;
+  serverOptions.host = options.host;
+  serverOptions.port = options.port;
+  serverOptions.token = token;
+  serverOptions.maxMessageBytes = options.maxMessageBytes;
+  KQ::net::RpcServer server(broker, serverOptions);
+  try {
+    server.start();
+  } catch (const std::exception& e) {
+    failAfterStart(processName, broker, e.what());
+  }
+  KO_LOG(ko::log::info, processName, "", "mainFunction", 0)
+      << "Listening on " << options.host << ":" << server.port() << " (HTTP POST /rpc, WebSocket /ws), data in "
+      << dataFolder << (options.parentUrl.empty() ? std::string() : ", parent " + options.parentUrl);
+
+  int signal = 0;
+  while (sigwait(&stopSignals, &signal) != 0) {
+  }
+  KO_LOG(ko::log::info, processName, "", "mainFunction", 0)
+      << "Stopping on " << (signal == SIGINT ? "SIGINT" : "SIGTERM");
+  // No new calls first, then the modules, last registered first: the world
+  // model saves its frame tree while KQMemory and KQMotion still answer.
+  server.stop();
+  broker->shutdown();
+  KO_LOG(ko::log::info, processName, "", "mainFunction", 0) << "Stopped";
+  return 0;
+}
+
+}  // namespace KQTools
