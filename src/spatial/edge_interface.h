@@ -45,6 +45,10 @@ class Displacement : public DisplacementInterface {
   std::vector<float> getTranslation() override { return translation_; }
 
  private:
+  // Reads the lists in place: a walk composes thousands of fixed edges per
+  // second, and the getters' copies would be its main cost.
+  friend class PathVisitor;
+
   std::vector<float> quaternion_;
   std::vector<float> translation_;
 };

@@ -15,29 +15,42 @@ void PathVisitor::startVisit() {
 
 void PathVisitor::stopVisit() {}
 
-// The edge is read translation first, then rotation, each read once: a live
-// edge refreshes on every read, and this order is the one it always had.
-void PathVisitor::xDown(DisplacementInterface& edge) {
-  const Math::Position3D d(edge.getTranslation());
+void PathVisitor::xComposeDown(const Math::Quaternion& e, const Math::Position3D& d) {
   translation += quaternion * d;  // rotated by what was accumulated before this edge
-  quaternion *= Math::Quaternion(edge.getQuaternion());
+  quaternion *= e;
 }
 
-// Rotation first, then translation. The inverse edge's translation is added
-// as it stands, not rotated by the accumulated quaternion: exact for the
-// first up edge of a walk and for walks whose earlier up edges do not
-// rotate. Kept as it has always behaved; callers' stored results rely on it.
-void PathVisitor::xUp(DisplacementInterface& edge) {
-  const Math::Quaternion inverse = Math::Quaternion(edge.getQuaternion()).inverse();
-  const Math::Position3D negated = -Math::Position3D(edge.getTranslation());
-  translation += inverse * negated;
+// The inverse edge's translation is added as it stands, not rotated by the
+// accumulated quaternion: exact for the first up edge of a walk and for
+// walks whose earlier up edges do not rotate. Kept as it has always
+// behaved; callers' stored results rely on it.
+void PathVisitor::xComposeUp(const Math::Quaternion& e, const Math::Position3D& d) {
+  const Math::Quaternion inverse = e.inverse();
+  translation += inverse * -d;
   quaternion *= inverse;
 }
 
-void PathVisitor::onDownEdge(int, int, Displacement& edge) { xDown(edge); }
+// A live edge refreshes on every read: each value is read once, down edges
+// translation first, up edges rotation first, as they always were.
+void PathVisitor::xDown(DisplacementInterface& edge) {
+  const Math::Position3D d(edge.getTranslation());
+  xComposeDown(Math::Quaternion(edge.getQuaternion()), d);
+}
+
+void PathVisitor::xUp(DisplacementInterface& edge) {
+  const Math::Quaternion e(edge.getQuaternion());
+  xComposeUp(e, Math::Position3D(edge.getTranslation()));
+}
+
+// A fixed edge gives back exactly its lists, so they are read in place.
+void PathVisitor::onDownEdge(int, int, Displacement& edge) {
+  xComposeDown(Math::Quaternion(edge.quaternion_), Math::Position3D(edge.translation_));
+}
 void PathVisitor::onDownEdge(int, int, KQMotionDisplacement& edge) { xDown(edge); }
 void PathVisitor::onDownEdge(int, int, KQOdometryDisplacement& edge) { xDown(edge); }
-void PathVisitor::onUpEdge(int, int, Displacement& edge) { xUp(edge); }
+void PathVisitor::onUpEdge(int, int, Displacement& edge) {
+  xComposeUp(Math::Quaternion(edge.quaternion_), Math::Position3D(edge.translation_));
+}
 void PathVisitor::onUpEdge(int, int, KQMotionDisplacement& edge) { xUp(edge); }
 void PathVisitor::onUpEdge(int, int, KQOdometryDisplacement& edge) { xUp(edge); }
 

@@ -37,8 +37,12 @@ class PathVisitor : public GraphVisitor {
   void getDisplacement(std::vector<float>& quaternion, std::vector<float>& translation) const;
 
  private:
+  // Live edges: read through the getters, in the order they always were.
   void xDown(DisplacementInterface& edge);
   void xUp(DisplacementInterface& edge);
+  // The composition itself, from an edge's rotation e and translation d.
+  void xComposeDown(const Math::Quaternion& e, const Math::Position3D& d);
+  void xComposeUp(const Math::Quaternion& e, const Math::Position3D& d);
 
   Math::Quaternion quaternion;
   Math::Position3D translation;
