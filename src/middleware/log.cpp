@@ -174,7 +174,12 @@ std::vector<std::pair<std::string, int>> getCategoryLevels() {
   return out;
 }
 
-int getCategoryLevel(const std::string& name) {
+namespace {
+
+// Key is a std::string or a C string; the map's transparent comparator finds
+// either without building a string.
+template <class Key>
+int levelOf(const Key& name) {
   Levels& state = levels();
   if (state.ownLevels.load(std::memory_order_acquire) > 0) {
     std::shared_lock<std::shared_mutex> lock(state.mutex);
@@ -184,13 +189,22 @@ int getCategoryLevel(const std::string& name) {
   return state.defaultLevel.load(std::memory_order_relaxed);
 }
 
+}  // namespace
+
+int getCategoryLevel(const std::string& name) { return levelOf(name); }
+
 void setDefaultLevel(int level) { levels().defaultLevel.store(clampLevel(level)); }
 
 int getDefaultLevel() { return levels().defaultLevel.load(); }
 
 bool isEnabled(int level, const std::string& category) {
   if (level <= silent) return false;
-  return level <= getCategoryLevel(category);
+  return level <= levelOf(category);
+}
+
+bool isEnabled(int level, const char* category) {
+  if (level <= silent) return false;
+  return level <= levelOf(category ? category : "");
 }
 
 void addSink(const std::shared_ptr<Sink>& sink) {

@@ -97,6 +97,9 @@ int getCategoryLevel(const std::string& name);          // the default level whe
 void setDefaultLevel(int level);                        // for every category without its own level
 int getDefaultLevel();
 bool isEnabled(int level, const std::string& category);
+// Same test for a literal category (what KO_LOG is usually given): no string
+// is built on the way, so a refused line allocates nothing.
+bool isEnabled(int level, const char* category);
 void clearCategoryLevel(const std::string& name);       // back to the default level
 // Categories that have a level of their own, with that level (for tests that
 // save and restore the log's state).

@@ -62,6 +62,7 @@ TEST(LogTest, LevelsDecideWhatIsAdmitted) {
   setCategoryLevel("LogTest.Quiet", error);
   EXPECT_TRUE(isEnabled(error, "LogTest.Quiet"));
   EXPECT_FALSE(isEnabled(warning, "LogTest.Quiet"));
+  EXPECT_FALSE(isEnabled(warning, std::string("LogTest.Quiet")));  // the std::string form agrees
   EXPECT_TRUE(isEnabled(debug, "LogTest.Other"));  // default raised to debug by the capture
 
   // Case: registering a category again keeps the level it was given.
