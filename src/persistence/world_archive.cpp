@@ -27,6 +27,7 @@
 #include <boost/thread/locks.hpp>
 
 #include "middleware/error.h"
+#include "persistence/archive_validator.h"
 #include "module/world_representation.h"
 #include "spatial/edge_interface.h"
 #include "spatial/pose_conversions.h"
@@ -108,37 +109,11 @@ const char* const kArchiveTrailer = "</boost_serialization>";
 
 KQError loadError(const std::string& message) { return KQError("KQWorldRepresentation", "load", message, "", 0); }
 
-std::size_t countOccurrences(const std::string& text, const std::string& what) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++count;
-  return count;
-}
-
-// Every element of a saved collection is one "item" element, so no "count"
-// can be larger than the number of item tags in the whole file. Checked
-// before parsing: the library sizes a vector from its count before reading
-// a single element, and a forged count would allocate without bound.
-void checkCounts(const std::string& path, const std::string& text) {
-  const std::size_t items = countOccurrences(text, "<item>") + countOccurrences(text, "<item ");
-  const std::string open = "<count>";
-  for (std::size_t at = text.find(open); at != std::string::npos; at = text.find(open, at + open.size())) {
-    std::size_t digit = at + open.size();
-    while (digit < text.size() && (text[digit] == ' ' || text[digit] == '\t' || text[digit] == '\n')) ++digit;
-    unsigned long long count = 0;
-    bool tooLarge = false;
-    for (; digit < text.size() && text[digit] >= '0' && text[digit] <= '9'; ++digit) {
-      if (count > (~0ULL - 9) / 10) tooLarge = true;
-      if (!tooLarge) count = count * 10 + static_cast<unsigned long long>(text[digit] - '0');
-    }
-    if (tooLarge || count > items)
-      throw loadError(path + " is malformed: a collection claims more elements than the file holds.");
-  }
-}
-
-// Parses one root element of a whole archive text. The library reads the
-// header when the archive is made and the trailer when it is destroyed; the
-// trailer was checked on the text already, so the stream is marked finished
-// before destruction (a destructor must not throw on a bad trailer).
+// Parses one root element of an archive text that checkArchiveText passed.
+// The library reads the header when the archive is made and the trailer when
+// it is destroyed; the trailer was checked on the text already, so the
+// stream is marked finished before destruction (a destructor must not throw
+// on a bad trailer).
 template <class T>
 T parseArchive(const std::string& path, const std::string& text, const char* rootName) {
   T result;
@@ -167,7 +142,7 @@ void writeEdgesArchive(boost::archive::xml_oarchive& archive, const SavedEdges& 
   archive << make_nvp("edges", edges);
 }
 
-std::string readArchiveText(const std::string& path) {
+std::string readArchiveText(const std::string& path, ArchiveKind kind) {
   // A missing file is named as such: the library would only report an
   // "input stream error" or an "invalid signature".
   struct stat status;
@@ -185,7 +160,11 @@ std::string readArchiveText(const std::string& path) {
   }
   std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   if (file.bad()) throw loadError(path + " cannot be read.");
+  checkArchiveText(path, text, kind);
+  return text;
+}
 
+void checkArchiveText(const std::string& path, const std::string& text, ArchiveKind kind) {
   const char* const blanks = " \t\r\n";
   const std::size_t first = text.find_first_not_of(blanks);
   if (first == std::string::npos) throw loadError(path + " is empty.");
@@ -194,8 +173,8 @@ std::string readArchiveText(const std::string& path) {
   const std::size_t trailerLength = std::strlen(kArchiveTrailer);
   if (last + 1 < trailerLength || text.compare(last + 1 - trailerLength, trailerLength, kArchiveTrailer) != 0)
     throw loadError(path + " is truncated.");
-  checkCounts(path, text);
-  return text;
+  const std::string fault = validateArchiveText(text, kind);
+  if (!fault.empty()) throw loadError(path + " is malformed: " + fault + ".");
 }
 
 SavedNodes parseNodesArchive(const std::string& path, const std::string& text) {
@@ -264,8 +243,8 @@ int KQWorldRepresentation::load() {
 void KQWorldRepresentation::xLoadGraph() {
   const std::string edgesPath = dataDirectory_ + "/" + kEdgesArchiveName;
   const std::string nodesPath = dataDirectory_ + "/" + kNodesArchiveName;
-  const std::string edgesText = readArchiveText(edgesPath);
-  const std::string nodesText = readArchiveText(nodesPath);
+  const std::string edgesText = readArchiveText(edgesPath, ArchiveKind::kEdges);
+  const std::string nodesText = readArchiveText(nodesPath, ArchiveKind::kNodes);
   const SavedNodes nodes = parseNodesArchive(nodesPath, nodesText);
   const SavedEdges edges = parseEdgesArchive(edgesPath, edgesText);
   checkArchiveRecords(nodesPath, nodes, edgesPath, edges);

@@ -11,8 +11,8 @@
 // archive, or one whose records do not hold together (no object on node 0,
 // an edge to a node that was not saved), is reported as a KQError from
 // "load" whose message names the file and what is wrong. The checks run on
-// the text before the library sees it, so a forged element count cannot
-// make the library allocate without bound.
+// the text before the library sees it: the library crashes on forged class
+// or object ids and sizes a vector from a forged count.
 //
 // Threading: free functions without state; callers serialise access to the
 // files (save and load hold the graph lock exclusively).
@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "persistence/archive_validator.h"
 #include "persistence/save_visitor.h"
 
 class WorldObject;
@@ -46,9 +47,14 @@ extern const char* const kEdgesArchiveName;  // "edges.xml"
 void writeNodesArchive(boost::archive::xml_oarchive& archive, const SavedNodes& nodes);
 void writeEdgesArchive(boost::archive::xml_oarchive& archive, const SavedEdges& edges);
 
-// Checks that the file at `path` exists, is not empty and is complete, and
-// returns its text; throws KQError otherwise.
-std::string readArchiveText(const std::string& path);
+// Reads the file at `path` and checks its text (checkArchiveText); throws
+// KQError naming the file when it is missing, unreadable or not an archive.
+std::string readArchiveText(const std::string& path, ArchiveKind kind);
+
+// Checks an archive's text before it is parsed: not empty, an XML document
+// that ends with the archive trailer (else "truncated"), and the exact shape
+// the writer produces (archive_validator.h). Throws KQError naming `path`.
+void checkArchiveText(const std::string& path, const std::string& text, ArchiveKind kind);
 
 // Parse the text of a whole archive file (read by readArchiveText). Throw
 // KQError naming `path` when the text is not such an archive.
