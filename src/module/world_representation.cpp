@@ -118,6 +118,10 @@ void KQWorldRepresentation::xRegisterMethods() {
 }
 
 KQWorldRepresentation::~KQWorldRepresentation() {
+  // The memory watcher drives this module from its own thread: it must be
+  // gone before anything here is torn down (exit() stopped it already when
+  // it ran; stopping twice returns at once).
+  stopMemoryCheck();
   // Saves once more (exit() saved already); an exception escaping save()
   // here ends the process, as nothing may leave a destructor.
   save();
