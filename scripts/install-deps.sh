@@ -6,7 +6,8 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkg-config
   libboost-serialization-dev libboost-filesystem-dev libboost-thread-dev libboost-system-dev libboost-dev
-  libsqlite3-dev nlohmann-json3-dev libeigen3-dev liburdfdom-dev liburdfdom-headers-dev
+  libsqlite3-dev nlohmann-json3-dev libeigen3-dev
+  liburdfdom-dev liburdfdom-headers-dev libtinyxml-dev libconsole-bridge-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-websockets curl
 )

@@ -264,6 +264,11 @@ int runEvents(KQ::net::RpcClient& client, const CommandLine& line) {
       std::cout << out.dump() << std::endl;
     }));
   }
+  // On stderr, so that stdout stays one JSON line per event; a script may
+  // wait for this line before it makes events happen.
+  std::string names;
+  for (std::size_t i = 1; i < line.words.size(); ++i) names += (i > 1 ? ", " : "") + line.words[i];
+  std::cerr << "kq: waiting for " << names << " (Ctrl-C to stop)" << std::endl;
   const sigset_t signals = stopSignals();
   int signal = 0;
   while (sigwait(&signals, &signal) != 0) {

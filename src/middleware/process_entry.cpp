@@ -105,7 +105,7 @@ bool parseUnsigned(const std::string& text, unsigned long long maximum, unsigned
   for (char c : text) {
     if (c < '0' || c > '9') return false;
     const unsigned long long digit = static_cast<unsigned long long>(c - '0');
-    if (value > (maximum - digit) / 10) return false;
+    if (digit > maximum || value > (maximum - digit) / 10) return false;
     value = value * 10 + digit;
   }
   out = value;
