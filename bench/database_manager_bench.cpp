@@ -4,7 +4,10 @@
 //  - the latest-values query (WHERE ObjectName=... ORDER BY TimeS DESC, first
 //    row) on a 1,000,000-row table, which must stay a search of the
 //    (ObjectName, TimeS) index however large the history grows.
-// The default run takes well under 30 s, most of it filling the large table.
+// The default run takes well under 30 s.
+#include <sqlite3.h>
+
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -56,7 +59,7 @@ void BM_InsertEachItsOwnCommit(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_InsertEachItsOwnCommit);
+BENCHMARK(BM_InsertEachItsOwnCommit)->MinTime(0.2);
 
 void BM_InsertInOneTransaction(benchmark::State& state) {
   KQ::test::TempDir dir;
@@ -71,18 +74,28 @@ void BM_InsertInOneTransaction(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * batch);
 }
-BENCHMARK(BM_InsertInOneTransaction)->Arg(1000);
+BENCHMARK(BM_InsertInOneTransaction)->Arg(1000)->MinTime(0.2);
 
 // The large table is built once, on first use, and shared by the queries.
+// The manager creates the table and its index; the million rows go in through
+// one INSERT ... SELECT on a plain connection (the manager takes no SQL of
+// that form), which keeps the default run short; the manager then reopens
+// the file as the module does at start-up.
 struct LargeTable {
-  LargeTable() : db(dir.file("Large.sqlite"), true) {
-    db.createTable("positions", positionsColumns());
-    db.beginTransaction();
-    for (int t = 0; t < kRowsPerObject; ++t) {
-      for (int o = 0; o < kObjects; ++o) db.insertRow("positions", positionRow("obj" + std::to_string(o), t));
-    }
-    db.endTransaction();
-    db.save();
+  LargeTable() {
+    const std::string path = dir.file("Large.sqlite");
+    KQDatabaseManager(path, true).createTable("positions", positionsColumns());
+    sqlite3* raw = nullptr;
+    sqlite3_open(path.c_str(), &raw);
+    const std::string fill =
+        "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+        std::to_string(kObjects * kRowsPerObject - 1) +
+        ") INSERT INTO positions SELECT 'obj' || (i % " + std::to_string(kObjects) + "), i / " +
+        std::to_string(kObjects) + ", 0, 'World', 1.0, 0.0, 0.0, 0.0, 0.5, 0.25, 1.0 FROM n";
+    if (sqlite3_exec(raw, fill.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) std::abort();
+    sqlite3_close(raw);
+    db = KQDatabaseManager(path, true);
+    db.load();
   }
   KQ::test::TempDir dir;
   KQDatabaseManager db;
@@ -103,7 +116,7 @@ void BM_LatestRowOfMillionRowTable(benchmark::State& state) {
     object = (object + 37) % kObjects;
   }
 }
-BENCHMARK(BM_LatestRowOfMillionRowTable);
+BENCHMARK(BM_LatestRowOfMillionRowTable)->MinTime(0.2);
 
 // The history query of positions in time: the row just before a moment.
 void BM_RowBeforeTimeOfMillionRowTable(benchmark::State& state) {
@@ -116,7 +129,7 @@ void BM_RowBeforeTimeOfMillionRowTable(benchmark::State& state) {
     object = (object + 37) % kObjects;
   }
 }
-BENCHMARK(BM_RowBeforeTimeOfMillionRowTable);
+BENCHMARK(BM_RowBeforeTimeOfMillionRowTable)->MinTime(0.2);
 
 }  // namespace
 

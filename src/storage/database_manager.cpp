@@ -29,6 +29,8 @@ const int kProgressInterval = 1000;
 // used text beyond this.
 const std::size_t kStatementCacheCapacity = 128;
 
+const int kMaxValueBytes = 64 * 1024 * 1024;
+
 std::atomic<int> gOpenConnections{0};
 
 #define KQDB_LOG(level, function) KO_LOG((level), kLogCategory, "", (function), 0)
@@ -220,6 +222,9 @@ class KQDatabaseManager::Connection {
     sqlite3_db_config(db_, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0, nullptr);
     // Keeps even internal SQL from writing SQLite's own tables directly.
     sqlite3_db_config(db_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    // No attribute value comes near this; a hostile select that builds a
+    // giant string (printf, zeroblob) fails instead of exhausting memory.
+    sqlite3_limit(db_, SQLITE_LIMIT_LENGTH, kMaxValueBytes);
     sqlite3_set_authorizer(db_, &authorize, nullptr);
     sqlite3_progress_handler(db_, kProgressInterval, &checkProgress, nullptr);
     // A file that is not a database fails here; it is left untouched and

@@ -15,16 +15,20 @@
 // stand (after WHERE, ORDER BY, SELECT). One statement per call: text with a
 // non-blank tail after the first statement fails and the tail never runs.
 // select and selectWithOrder run read-only (statement check, an authorizer
-// that allows reading this database's tables only, a progress deadline).
+// that allows reading this database's tables only, a progress deadline);
+// the conditions of updateRow and deleteRow pass the same authorizer, with
+// changing rows of this database's tables allowed besides.
 //
 // Storage choices: WAL journal, synchronous=NORMAL, a busy timeout, prepared
 // statements cached per SQL text, writes that open a transaction use
 // BEGIN IMMEDIATE, and every table gets an index on (ObjectName, TimeS).
 //
-// Threading: no locking of its own beyond SQLite's serialized mode. The
-// module calls writers under its category lock held exclusively and readers
-// under it held shared, so one connection may be read by several threads at
-// once but is never written concurrently.
+// Threading: no locking of its own beyond SQLite's serialized mode; the only
+// mutex here guards the statement cache, from which each call checks its
+// statement out, so concurrent readers never share one. The module calls
+// writers under its category lock held exclusively and readers under it held
+// shared, so one connection may be read by several threads at once but is
+// never written concurrently.
 #ifndef KQ_STORAGE_DATABASE_MANAGER_H_
 #define KQ_STORAGE_DATABASE_MANAGER_H_
 
