@@ -4,7 +4,7 @@
 // and restores the sharing.
 //
 // getAttributes lists the attributes in the order they were added;
-// getAttributeTable(name) gives the column specification handed to
+// getAttributeTable(name) gives the column list handed to
 // KQDatabaseManager::createTable: `"ObjectName" text, "TimeS" int, ...` in
 // field order, names double-quoted.
 //
