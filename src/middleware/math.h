@@ -12,6 +12,8 @@
 //  - Transform is the 3x4 homogeneous matrix [R | t], 12 floats row by row;
 //    the default is the identity.
 //  - Pose2D is a planar pose (x, y, theta): rotation theta about z.
+//
+// Threading: plain values and pure functions; no shared state.
 #ifndef KQ_MIDDLEWARE_MATH_H_
 #define KQ_MIDDLEWARE_MATH_H_
 

@@ -3,6 +3,8 @@
 // always goes through the math library's transform conversions; the
 // translation is copied unchanged in both directions (never recomputed from a
 // transform), and nothing is normalised.
+//
+// Threading: pure functions; they write only their output arguments.
 #ifndef KQ_SPATIAL_POSE_CONVERSIONS_H_
 #define KQ_SPATIAL_POSE_CONVERSIONS_H_
 
