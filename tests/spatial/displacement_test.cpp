@@ -16,7 +16,6 @@
 #include "middleware/math.h"
 #include "middleware/motion_proxy.h"
 #include "spatial/edge_interface.h"
-#include "spatial/graph_visitor.h"
 #include "spatial/motion_displacement.h"
 #include "spatial/odometry_displacement.h"
 #include "support/log_capture.h"
@@ -156,41 +155,6 @@ TEST_F(LiveEdgeTest, MotionEdgeCopiesStartFromIdentity) {
   shoulder = head;
   EXPECT_EQ(kIdentity, shoulder.getTransform());
   EXPECT_EQ(shoulderCalls, motion->getTransformCalls("LShoulderPitch"));
-}
-
-// Records which handler a live edge dispatches to, with its arguments.
-class DispatchVisitor : public GraphVisitor {
- public:
-  using GraphVisitor::onDownEdge;
-  using GraphVisitor::onUpEdge;
-  void onDownEdge(int from, int to, KQMotionDisplacement&) override { seen = "down motion " + xPair(from, to); }
-  void onDownEdge(int from, int to, KQOdometryDisplacement&) override { seen = "down odometry " + xPair(from, to); }
-  void onUpEdge(int from, int to, KQMotionDisplacement&) override { seen = "up motion " + xPair(from, to); }
-  void onUpEdge(int from, int to, KQOdometryDisplacement&) override { seen = "up odometry " + xPair(from, to); }
-  std::string seen;
-
- private:
-  static std::string xPair(int from, int to) { return std::to_string(from) + "->" + std::to_string(to); }
-};
-
-TEST_F(LiveEdgeTest, LiveEdgesDispatchWithoutAskingTheBody) {
-  // Case: accepting a visitor reaches the edge's own handler, ids unchanged,
-  // and reads nothing: only the visitor decides whether the body is asked.
-  ManualClock clock;
-  KQMotionDisplacement head(proxy, "HeadYaw", 0);
-  KQOdometryDisplacement odometry(proxy);
-  DispatchVisitor visitor;
-  head.acceptOnDownEdge(7, 9, visitor);
-  EXPECT_EQ("down motion 7->9", visitor.seen);
-  head.acceptOnUpEdge(9, 7, visitor);
-  EXPECT_EQ("up motion 9->7", visitor.seen);
-  clock.advanceSeconds(5);
-  odometry.acceptOnDownEdge(0, 1, visitor);
-  EXPECT_EQ("down odometry 0->1", visitor.seen);
-  odometry.acceptOnUpEdge(1, 0, visitor);
-  EXPECT_EQ("up odometry 1->0", visitor.seen);
-  EXPECT_EQ(0, motion->getTransformCalls("HeadYaw"));
-  EXPECT_EQ(0, motion->getRobotPositionCalls());
 }
 
 TEST_F(LiveEdgeTest, OdometryIsReadAtMostOnceEvery40Milliseconds) {
