@@ -212,17 +212,18 @@ void KQWorldRepresentation::xStorePosition(KQDatabaseManager& db, const std::str
                                            const std::string& parentName, const std::vector<float>& quaternion,
                                            const std::vector<float>& translation, const ko::os::timeval& time) {
   // The 8 pairs of a "positions" row; xStoreAttribute adds "ObjectName",
-  // "TimeS" and "TimeUS".
-  KQValue row;
-  row.arraySetSize(8);
-  xSetPair(row[0], "ParentName", KQValue(parentName));
-  xSetPair(row[1], "QuatW", KQValue(xAt(quaternion, 0)));
-  xSetPair(row[2], "QuatX", KQValue(xAt(quaternion, 1)));
-  xSetPair(row[3], "QuatY", KQValue(xAt(quaternion, 2)));
-  xSetPair(row[4], "QuatZ", KQValue(xAt(quaternion, 3)));
-  xSetPair(row[5], "X", KQValue(xAt(translation, 0)));
-  xSetPair(row[6], "Y", KQValue(xAt(translation, 1)));
-  xSetPair(row[7], "Z", KQValue(xAt(translation, 2)));
+  // "TimeS" and "TimeUS". The pairs are built once per thread and only their
+  // values change from row to row: this runs for every saved update.
+  thread_local KQValue row = [] {
+    KQValue pairs;
+    pairs.arraySetSize(8);
+    const char* const fields[8] = {"ParentName", "QuatW", "QuatX", "QuatY", "QuatZ", "X", "Y", "Z"};
+    for (int i = 0; i < 8; ++i) xSetPair(pairs[i], fields[i], KQValue());
+    return pairs;
+  }();
+  row[0][1] = parentName;
+  for (int i = 0; i < 4; ++i) row[1 + i][1] = xAt(quaternion, static_cast<std::size_t>(i));
+  for (int i = 0; i < 3; ++i) row[5 + i][1] = xAt(translation, static_cast<std::size_t>(i));
   xStoreAttribute(db, time, name, "positions", row);
 }
 
