@@ -108,28 +108,6 @@ TEST_F(InterPosVisitorTest, InterpolateAgainstTwoRows) {
             logs_.lines());
 }
 
-TEST_F(InterPosVisitorTest, WalkComposesHistoryAndPresentPoses) {
-  // Case: down to the cup at 105, linear: (2, 0, 0) from the rows, not the
-  // present (5, 0, 0).
-  InterPosVisitor visitor(&databases_, 105, 1);
-  ASSERT_EQ(0, graph_.visitPath(visitor, 0, cupId_));
-  expectFloats(visitor.getPosition6D().toVector(), pose6D(2, 0, 0));
-  EXPECT_EQ((std::vector<int>{0, cupId_}), visitor.getPath());
-
-  // Case: the same visitor walks again from scratch, outside the history.
-  InterPosVisitor later(&databases_, 200, 1);
-  ASSERT_EQ(0, graph_.visitPath(later, 0, cupId_));
-  expectFloats(later.getPosition6D().toVector(), pose6D(5, 0, 0));
-  ASSERT_EQ(0, graph_.visitPath(visitor, 0, cupId_));
-  expectFloats(visitor.getPosition6D().toVector(), pose6D(2, 0, 0));
-
-  // Case: a node to itself.
-  InterPosVisitor self(&databases_, 105, 1);
-  ASSERT_EQ(0, graph_.visitPath(self, cupId_, cupId_));
-  expectFloats(self.getQuaternion().toVector(), kIdentity);
-  expectFloats(self.getTranslation().toVector(), {0, 0, 0});
-}
-
 TEST_F(InterPosVisitorTest, ACategoryWithoutDatabaseGetsAnEmptyEntry) {
   // World
   // |-- cup

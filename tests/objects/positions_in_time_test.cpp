@@ -172,6 +172,14 @@ TEST_F(PositionsInTimeTest, UnknownNamesSelfQueriesAndWrongTypes) {
   logs().clear();
   expectFloats(cupAt(5, -1), present);
   EXPECT_TRUE(logs().lines().empty());
+
+  // Case: a name holding a quote breaks the history query's text; the edge
+  // falls back to its present pose and nothing throws.
+  ASSERT_EQ(0, world().storeObject("o'clock", "World", pose6D(0, 1, 0), "Cups", noAttributes()));
+  clock_.set(kStart + 30);
+  ASSERT_EQ(0, world().updatePosition("o'clock", pose6D(0, 2, 0), true));
+  clock_.set(kStart + 40);
+  expectFloats(world().getPosition6DAtTime("World", "o'clock", 15, 1), pose6D(0, 2, 0));
 }
 
 }  // namespace
