@@ -1,9 +1,10 @@
 // Speed of the world's position operations, measured through the module's
 // own public calls on a real broker, with the scripted robot and the
 // recording memory module, category databases in a temporary folder:
-//  - getPosition between two objects at depth 1, 5 and 20 on two branches
-//    (a walk of 2, 10 and 40 edges), and between two deep leaves of a
-//    1,000-object tree; goal: under 1 us at depth 5;
+//  - getPosition of an object at depth 1, 5 and 20 in the frame of "World"
+//    (1, 5, 20 edges), between two objects at those depths on two branches
+//    (2, 10, 40 edges), and between two deep leaves of a 1,000-object tree;
+//    goal: under 1 us at depth 5;
 //  - updatePosition without and with its history row, each row its own
 //    commit (no explicit transaction); goal: 50,000 saved updates a second;
 //  - getPosition6DAtTime of an object with 1,000,000 history rows, nearest
@@ -108,6 +109,21 @@ void BM_GetPositionAcrossBranches(benchmark::State& state) {
   state.counters["edges"] = 2 * depth;
 }
 BENCHMARK(BM_GetPositionAcrossBranches)->Arg(1)->Arg(5)->Arg(20);
+
+// The object at `depth` in the frame of "World": a walk of `depth` down edges.
+void BM_GetPositionFromWorld(benchmark::State& state) {
+  const int depth = static_cast<int>(state.range(0));
+  const std::string prefix = "d" + std::to_string(depth) + "_";
+  buildBranches(prefix, depth);
+  const std::string to = prefix + "a" + std::to_string(depth);
+  KQWorldRepresentation& world = bench().world();
+  for (auto _ : state) {
+    KQValue position = world.getPosition("World", to);
+    benchmark::DoNotOptimize(position);
+  }
+  state.counters["edges"] = depth;
+}
+BENCHMARK(BM_GetPositionFromWorld)->Arg(1)->Arg(5)->Arg(20);
 
 void BM_GetPosition6DAcrossBranches(benchmark::State& state) {
   const int depth = static_cast<int>(state.range(0));
