@@ -160,11 +160,14 @@ void KQWorldRepresentation::xCheckMemory() {
         }
       }
       // The period is counted from the start of the pass, in whole seconds:
-      // a pass longer than the period is followed at once by the next.
+      // a pass longer than the period is followed at once by the next. A
+      // wall clock set back during the pass never stretches the sleep past
+      // one period (stop waits for the sleep).
       ko::os::timeval passEnd;
       ko::os::gettimeofday(&passEnd);
-      const long long wait =
+      long long wait =
           static_cast<long long>(memoryCheckPeriod_) - static_cast<long long>(passEnd.tv_sec - passStart.tv_sec);
+      if (wait > memoryCheckPeriod_) wait = memoryCheckPeriod_;
       if (wait > 0) ko::os::sleep(static_cast<unsigned>(wait));
     }
     // Every object still published leaves the display with the watcher.

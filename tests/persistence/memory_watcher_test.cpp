@@ -108,6 +108,8 @@ class MemoryWatcherTest : public WorldFixture {
     return false;
   }
 
+  std::atomic<int64_t> clockReadings_{0};
+
   int positionRows(const std::string& name) {
     const KQValue rows = world().select("ObjectName='" + name + "'", "kqmemoryobjects", "positions", "TimeS");
     return rows.isArray() ? rows.getSize() : 0;
@@ -217,15 +219,30 @@ TEST_F(MemoryWatcherTest, APeriodOfZeroPollsWithoutSleeping) {
 
 TEST_F(MemoryWatcherTest, TheWaitIsCountedFromTheStartOfAPass) {
   // A clock that jumps 10 s at every reading: each pass looks longer than
-  // the period of 3 s, so the next pass follows at once.
-  std::atomic<int64_t> readings{0};
-  ko::os::setClock([&readings](ko::os::timeval* now) {
-    now->tv_sec = 1'700'000'000 + 10 * readings++;
+  // the period of 3 s, so the next pass follows at once. The counter lives
+  // in the fixture: the watcher reads the clock until TearDown stops it.
+  ko::os::setClock([this](ko::os::timeval* now) {
+    now->tv_sec = 1'700'000'000 + 10 * clockReadings_++;
     now->tv_usec = 0;
   });
   memory().setData("Object/cup", memoryObject("table", {0.1f, 0.2f, 0.3f}, "cup.dae"));
   world().startMemoryCheck(3);
   EXPECT_TRUE(waitUntil([&] { return positionRows("cup") >= 20; }, std::chrono::seconds(5)));
+}
+
+TEST_F(MemoryWatcherTest, AClockSetBackNeverStretchesTheSleep) {
+  // Every reading goes back 1000 s: counted naively, the wait after a pass
+  // would be 1001 s, and stop would wait for all of it.
+  ko::os::setClock([this](ko::os::timeval* now) {
+    now->tv_sec = 1'700'000'000 - 1000 * clockReadings_++;
+    now->tv_usec = 0;
+  });
+  memory().setData("Object/cup", memoryObject("table", {0.1f, 0.2f, 0.3f}, "cup.dae"));
+  world().startMemoryCheck(1);
+  ASSERT_TRUE(waitUntil([&] { return world().findObject("cup"); }));
+
+  // Case: the sleep is one period at most, so stop comes back.
+  EXPECT_TRUE(stopReturns(world()));
 }
 
 TEST_F(MemoryWatcherTest, StartAndStopKeepOneThread) {
