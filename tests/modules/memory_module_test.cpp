@@ -166,6 +166,35 @@ TEST_F(MemoryModuleTest, UnsubscribeWaitsForARunningCallbackSoItsOwnerMayGo) {
   EXPECT_EQ(selfCalls, 1);
 }
 
+TEST_F(MemoryModuleTest, CallbacksRaisingEachOthersEventsOnTwoThreadsDoNotDeadlock) {
+  // Thread 1 raises Left, thread 2 raises Right; once both callbacks run,
+  // each raises the other's event. Holding a per-subscriber lock during the
+  // call would make each thread wait for the other forever.
+  std::mutex mutex;
+  std::condition_variable bothIn;
+  int entered = 0;
+  std::atomic<int> leftCalls{0};
+  std::atomic<int> rightCalls{0};
+  auto crossOnce = [&](std::atomic<int>& calls, const std::string& other) {
+    if (calls++ > 0) return;  // the echo of the other side's raise
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      ++entered;
+      bothIn.notify_all();
+      bothIn.wait(lock, [&] { return entered == 2; });
+    }
+    module_->raiseEvent(other, KQValue(1));
+  };
+  module_->subscribeEvent("Left", [&](const std::string&, const KQValue&) { crossOnce(leftCalls, "Right"); });
+  module_->subscribeEvent("Right", [&](const std::string&, const KQValue&) { crossOnce(rightCalls, "Left"); });
+  std::thread one([&] { module_->raiseEvent("Left", KQValue(0)); });
+  std::thread two([&] { module_->raiseEvent("Right", KQValue(0)); });
+  one.join();
+  two.join();
+  EXPECT_EQ(leftCalls.load(), 2);
+  EXPECT_EQ(rightCalls.load(), 2);
+}
+
 TEST_F(MemoryModuleTest, AdvertisesWhatTheMemoryProxyCalls) {
   std::vector<std::string> names;
   for (const auto& method : module_->getMethodList()) names.push_back(method.name);

@@ -75,17 +75,33 @@ void KQMemoryModule::raiseEvent(const std::string& name, const KQValue& value) {
     }
   }
   // Outside mutex_: a callback may read the value back or raise another event.
-  for (const auto& receiver : receivers) {
-    std::lock_guard<std::recursive_mutex> callLock(receiver->callMutex);
-    if (!receiver->active) continue;
-    try {
-      receiver->callback(name, value);
-    } catch (const std::exception& e) {
-      // One failing subscriber must not keep the event from the others nor
-      // fail the raiser.
-      KO_LOG(ko::log::warning, getName(), "", "raiseEvent", 0)
-          << "A subscriber of " << name << " failed: " << e.what();
+  for (const auto& receiver : receivers) xDeliver(*receiver, name, value);
+}
+
+void KQMemoryModule::xDeliver(Subscription& subscription, const std::string& name, const KQValue& value) {
+  const std::thread::id self = std::this_thread::get_id();
+  {
+    std::lock_guard<std::mutex> lock(subscription.stateMutex);
+    if (!subscription.active) return;
+    subscription.runningOn.push_back(self);
+  }
+  // Takes this thread off the list however the callback ends.
+  struct Leave {
+    Subscription& subscription;
+    std::thread::id self;
+    ~Leave() {
+      std::lock_guard<std::mutex> lock(subscription.stateMutex);
+      auto& running = subscription.runningOn;
+      running.erase(std::find(running.begin(), running.end(), self));
+      subscription.idle.notify_all();
     }
+  } leave{subscription, self};
+  try {
+    subscription.callback(name, value);
+  } catch (const std::exception& e) {
+    // One failing subscriber must not keep the event from the others nor
+    // fail the raiser.
+    KO_LOG(ko::log::warning, getName(), "", "raiseEvent", 0) << "A subscriber of " << name << " failed: " << e.what();
   }
 }
 
@@ -113,10 +129,16 @@ void KQMemoryModule::unsubscribeEvent(uint64_t id) {
     subscription = found->second;
     subscriptions_.erase(found);
   }
-  // Waits for a call running on another thread; from inside the callback
-  // itself the recursive mutex lets it through.
-  std::lock_guard<std::recursive_mutex> callLock(subscription->callMutex);
+  // Waits for calls running on other threads; a callback that unsubscribes
+  // itself does not wait for its own call.
+  const std::thread::id self = std::this_thread::get_id();
+  std::unique_lock<std::mutex> lock(subscription->stateMutex);
   subscription->active = false;
+  subscription->idle.wait(lock, [&] {
+    for (const std::thread::id& running : subscription->runningOn)
+      if (running != self) return false;
+    return true;
+  });
 }
 
 }  // namespace KQ

@@ -7,8 +7,9 @@
 // keeps declaration order, each name once. getDataList answers keys in
 // lexicographic order.
 //
-// Subscribers: a callback runs on the thread that raised the event, after
-// the module's lock is released (a callback may call the module again). Once
+// Subscribers: a callback runs on the thread that raised the event, with no
+// lock of the module held (a callback may call the module again, and raises
+// on several threads may run one callback at the same time). Once
 // unsubscribeEvent(id) returns, that callback is not running on any other
 // thread and never runs again; so a subscriber must not hold, while it
 // unsubscribes, a lock its own callback takes.
@@ -18,11 +19,13 @@
 #ifndef KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_
 #define KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "middleware/module.h"
@@ -54,15 +57,21 @@ class KQMemoryModule : public KQModule, public KQEventSource {
   void unsubscribeEvent(uint64_t id) override;
 
  private:
-  // One subscriber. callMutex is held while its callback runs, so that
-  // unsubscribing waits for a running call; it is recursive because a
-  // callback may raise its own event again or unsubscribe itself.
+  // One subscriber. No lock is held while its callback runs (callbacks on
+  // two threads may raise each other's events); instead the threads running
+  // it are listed, so that unsubscribing can wait for the others to finish.
   struct Subscription {
     std::string event;
     KQEventCallback callback;
-    std::recursive_mutex callMutex;
-    bool active = true;  // guarded by callMutex
+    std::mutex stateMutex;
+    std::condition_variable idle;              // signalled when a call ends
+    bool active = true;                        // guarded by stateMutex
+    std::vector<std::thread::id> runningOn;    // guarded by stateMutex
   };
+
+  // Runs one subscriber's callback unless it was unsubscribed. Caller holds
+  // no lock.
+  void xDeliver(Subscription& subscription, const std::string& name, const KQValue& value);
 
   // Adds the name to the event list when absent. Caller holds mutex_.
   void xDeclareEvent(const std::string& name);
