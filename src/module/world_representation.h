@@ -176,6 +176,10 @@ class KQWorldRepresentation : public KQModule {
                       const std::vector<float>& quaternion, const std::vector<float>& translation,
                       const ko::os::timeval& time);
 
+  // Enters an empty database entry for each category a query of the past met
+  // without one; takes the category lock exclusively (hold no lock).
+  void xEnterEmptyDatabases(const std::set<std::string>& categories);
+
   // --- archive; all four locks held.
   void xLoadGraph();
 

@@ -150,11 +150,13 @@ bool InterPosVisitor::xRetrieveDisplacement(const KQValue& row, Math::Quaternion
 
 int InterPosVisitor::xInterpolate(const std::string& name, const std::string& category,
                                   Math::Quaternion& quaternion, Math::Position3D& translation) {
-  // Subscript on purpose: a category without an open database gets an empty
-  // (unbound) entry that answers every query with no rows. Looked up first so
-  // that the common case never writes the map.
+  // A category without an open database is queried through an empty
+  // (unbound) manager that answers every query with no rows; the module then
+  // enters such an empty entry in its map (see missingCategories).
+  static const KQDatabaseManager kEmptyDatabase;
   auto found = databases_->find(category);
-  KQDatabaseManager& db = found != databases_->end() ? found->second : (*databases_)[category];
+  if (found == databases_->end()) missingCategories_.insert(category);
+  const KQDatabaseManager& db = found != databases_->end() ? found->second : kEmptyDatabase;
 
   const std::string timeText = std::to_string(time_);
   const std::string objectCondition = "ObjectName='" + name + "' AND TimeS ";

@@ -28,6 +28,7 @@
 #define KQ_OBJECTS_INTER_POS_VISITOR_H_
 
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -68,6 +69,11 @@ class InterPosVisitor : public SimplePathVisitor {
   // is written only by type 0; type 1 leaves the caller's value in place.
   int xInterpolate(const std::string& name, const std::string& category, Math::Quaternion& quaternion,
                    Math::Position3D& translation);
+  // Categories met without an open database. The walk runs under shared
+  // locks, so it queries an empty database in their place instead of writing
+  // the map; the caller enters the empty entries once it holds the category
+  // lock exclusively.
+  const std::set<std::string>& missingCategories() const { return missingCategories_; }
   // Never called: rotations are deliberately not interpolated.
   void xSlerp(const Math::Quaternion& q1, const Math::Quaternion& q2, float fraction, Math::Quaternion q);
 
@@ -92,7 +98,8 @@ class InterPosVisitor : public SimplePathVisitor {
   int type_;
   Math::Quaternion quaternion_;   // accumulated rotation, w first
   Math::Position3D translation_;  // accumulated translation, metres
-  DatabaseMap* databases_;
+  const DatabaseMap* databases_;
+  std::set<std::string> missingCategories_;
 };
 
 }  // namespace KQ

@@ -26,6 +26,12 @@ int xRequestedSecond(const ko::os::timeval& now, int secondsAgo) {
 
 }  // namespace
 
+void KQWorldRepresentation::xEnterEmptyDatabases(const std::set<std::string>& categories) {
+  if (categories.empty()) return;
+  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_);
+  for (const std::string& category : categories) databases_.emplace(category, KQDatabaseManager());
+}
+
 std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string& reference,
                                                               const std::string& object, const int& secondsAgo,
                                                               const int& type) {
@@ -48,6 +54,10 @@ std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string&
   }
   InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
   graph_.visitPath(visitor, referenceId, objectId);
+  categoryLock.unlock();
+  graphLock.unlock();
+  objectLock.unlock();
+  xEnterEmptyDatabases(visitor.missingCategories());
   return visitor.getPosition6D().toVector();
 }
 
@@ -70,6 +80,10 @@ KQValue KQWorldRepresentation::getPositionAtTime(const std::string& reference, c
   }
   InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
   graph_.visitPath(visitor, referenceId, objectId);
+  categoryLock.unlock();
+  graphLock.unlock();
+  objectLock.unlock();
+  xEnterEmptyDatabases(visitor.missingCategories());
   KQValue pose;
   pose.arraySetSize(2);
   pose[0] = KQValue(visitor.getQuaternion().toVector());

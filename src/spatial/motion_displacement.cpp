@@ -62,6 +62,7 @@ void KQMotionDisplacement::updateTransform() {
           << values.size();
       return;
     }
+    std::lock_guard<std::mutex> lock(d_->mutex);
     d_->transform = Math::Transform(values);
   } catch (const KQError& e) {
     // Keeps the edge's last good transform, so a position can always be computed.
@@ -72,16 +73,19 @@ void KQMotionDisplacement::updateTransform() {
 
 std::vector<float> KQMotionDisplacement::getTransform() {
   updateTransform();
+  std::lock_guard<std::mutex> lock(d_->mutex);
   return d_->transform.toVector();
 }
 
 std::vector<float> KQMotionDisplacement::getQuaternion() {
   updateTransform();
+  std::lock_guard<std::mutex> lock(d_->mutex);
   return Math::quaternionFromTransform(d_->transform).toVector();
 }
 
 std::vector<float> KQMotionDisplacement::getTranslation() {
   updateTransform();
+  std::lock_guard<std::mutex> lock(d_->mutex);
   return Math::position3DFromTransform(d_->transform).toVector();
 }
 

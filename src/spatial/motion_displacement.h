@@ -9,12 +9,15 @@
 // name and space with an identity transform; assignment installs a new
 // private part without releasing the old one.
 //
-// Threading: evaluating the edge writes its cached transform, so callers
-// evaluate it under the graph lock held exclusively.
+// Threading: evaluating the edge writes its cached transform. Present-time
+// queries evaluate it under the graph lock held exclusively; queries of the
+// past walk under the shared graph lock, so the cache has a small mutex of
+// its own (never held while the motion module is asked).
 #ifndef KQ_SPATIAL_MOTION_DISPLACEMENT_H_
 #define KQ_SPATIAL_MOTION_DISPLACEMENT_H_
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -33,6 +36,7 @@ class KQMotionDisplacementPrivate {
   std::string name;
   Math::Transform transform;  // last transform read; identity until the first success
   int space;                  // 0 torso frame (joints), 2 robot ground frame (torso)
+  std::mutex mutex;           // guards transform
 };
 
 class KQMotionDisplacement : public DisplacementInterface {

@@ -23,6 +23,7 @@ KQOdometryDisplacementPrivate::KQOdometryDisplacementPrivate(std::shared_ptr<KQM
 void KQOdometryDisplacementPrivate::xUpdatePose() {
   ko::os::timeval now;
   ko::os::gettimeofday(&now);
+  std::unique_lock<std::mutex> lock(mutex);
   // Milliseconds since the last attempt, summed in double and kept as a
   // float, so that exactly 40 ms reads as 40 even across a second boundary.
   const float elapsedMs = static_cast<float>(static_cast<double>(now.tv_sec - lastUpdate.tv_sec) * 1000.0 +
@@ -30,17 +31,18 @@ void KQOdometryDisplacementPrivate::xUpdatePose() {
   if (kThrottleMs > elapsedMs) return;
   // Advanced before asking, so a failed read also waits a full period.
   lastUpdate = now;
-  if (!motionProxy) {
-    transform = Math::Transform();
-    return;
+  lock.unlock();
+  Math::Transform robotInWorldTransform;  // identity unless the read succeeds
+  if (motionProxy) {
+    try {
+      const Math::Pose2D robotInWorld(motionProxy->getRobotPosition(true));
+      robotInWorldTransform = Math::transformFromPose2D(robotInWorld);
+    } catch (const KQError&) {
+      // Silently back at the world origin until the next good read.
+    }
   }
-  try {
-    const Math::Pose2D robotInWorld(motionProxy->getRobotPosition(true));
-    transform = Math::transformFromPose2D(robotInWorld);
-  } catch (const KQError&) {
-    // Silently back at the world origin until the next good read.
-    transform = Math::Transform();
-  }
+  lock.lock();
+  transform = robotInWorldTransform;
 }
 
 KQOdometryDisplacement::KQOdometryDisplacement(std::shared_ptr<KQMotionProxy> proxy)
@@ -70,11 +72,13 @@ void KQOdometryDisplacement::acceptOnDownEdge(int from, int to, GraphVisitor& vi
 
 std::vector<float> KQOdometryDisplacement::getQuaternion() {
   d_->xUpdatePose();
+  std::lock_guard<std::mutex> lock(d_->mutex);
   return Math::quaternionFromTransform(d_->transform).toVector();
 }
 
 std::vector<float> KQOdometryDisplacement::getTranslation() {
   d_->xUpdatePose();
+  std::lock_guard<std::mutex> lock(d_->mutex);
   return Math::position3DFromTransform(d_->transform).toVector();
 }
 

@@ -11,12 +11,15 @@
 // identity with lastUpdate = time of copying; assignment installs a new
 // private part without releasing the old one.
 //
-// Threading: evaluating the edge writes its transform and lastUpdate, so
-// callers evaluate it under the graph lock held exclusively.
+// Threading: evaluating the edge writes its transform and lastUpdate.
+// Present-time queries evaluate it under the graph lock held exclusively;
+// queries of the past walk under the shared graph lock, so both fields have
+// a small mutex of their own (never held while the motion module is asked).
 #ifndef KQ_SPATIAL_ODOMETRY_DISPLACEMENT_H_
 #define KQ_SPATIAL_ODOMETRY_DISPLACEMENT_H_
 
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "middleware/math.h"
@@ -35,6 +38,7 @@ class KQOdometryDisplacementPrivate {
   std::shared_ptr<KQMotionProxy> motionProxy;
   Math::Transform transform;  // identity at construction
   ko::os::timeval lastUpdate;  // time of the last attempt
+  std::mutex mutex;            // guards transform and lastUpdate
 };
 
 class KQOdometryDisplacement : public DisplacementInterface {

@@ -254,6 +254,9 @@ class KQDatabaseManager::Connection {
   const std::string& path() const { return path_; }
   sqlite3* db() const { return db_; }
   int deadlineMs() const { return deadlineMs_.load(); }
+  // Open beginTransaction calls not yet ended; written only by writers,
+  // which the owner serialises.
+  int transactionDepth = 0;
   void setDeadlineMs(int ms) { deadlineMs_.store(ms); }
 
   // Runs SQL written here (no caller text), discarding any rows.
@@ -700,12 +703,30 @@ int KQDatabaseManager::resetDatabase() {
 
 int KQDatabaseManager::beginTransaction() {
   if (!xReady("beginTransaction")) return 1;
-  return connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
+  // A begin inside an open begin joins it and only the outermost end
+  // commits: a store that brackets its own rows inside a caller's
+  // transaction must not commit the caller's work early.
+  if (connection_->transactionDepth > 0 && sqlite3_get_autocommit(connection_->db()) == 0) {
+    ++connection_->transactionDepth;
+    return 0;
+  }
+  const int rc = connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
+  if (rc == SQLITE_OK) connection_->transactionDepth = 1;
+  return rc;
 }
 
 int KQDatabaseManager::endTransaction() {
   if (!xReady("endTransaction")) return 1;
-  return connection_->exec("COMMIT", "endTransaction");
+  // A transaction that SQLite already ended (rolled back on an error) leaves
+  // nothing to join.
+  if (sqlite3_get_autocommit(connection_->db()) != 0) connection_->transactionDepth = 0;
+  if (connection_->transactionDepth > 1) {
+    --connection_->transactionDepth;
+    return 0;
+  }
+  const int rc = connection_->exec("COMMIT", "endTransaction");
+  if (rc == SQLITE_OK) connection_->transactionDepth = 0;
+  return rc;
 }
 
 }  // namespace KQ

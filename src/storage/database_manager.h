@@ -64,6 +64,8 @@ class KQDatabaseManager {
   KQValue selectWithOrder(const std::string& table, const std::string& where, const std::string& order,
                           const std::string& columns, int last) const;
   int resetDatabase();
+  // Transactions nest: a begin inside an open one joins it, and only the
+  // outermost end commits.
   int beginTransaction();
   int endTransaction();
 

@@ -303,7 +303,7 @@ TEST_F(DatabaseManagerTest, RowsSurviveSaveCloseAndReopen) {
   EXPECT_EQ("wal", raw.query("PRAGMA journal_mode"));
 }
 
-TEST_F(DatabaseManagerTest, TransactionsGroupWritesAndRefuseNesting) {
+TEST_F(DatabaseManagerTest, TransactionsGroupWritesAndNest) {
   KQDatabaseManager db = openCups();
 
   // Case: rows written inside a transaction are seen by this manager at once
@@ -315,14 +315,21 @@ TEST_F(DatabaseManagerTest, TransactionsGroupWritesAndRefuseNesting) {
     RawConnection other(path());
     EXPECT_EQ("0", other.query("SELECT count(*) FROM positions"));
   }
-  // Case: a second begin is refused and leaves the open one alone.
-  EXPECT_NE(0, db.beginTransaction());
+  // Case: a store that brackets its rows inside the caller's transaction
+  // joins it; its end does not commit the caller's work early.
+  ASSERT_EQ(0, db.beginTransaction());
+  ASSERT_EQ(0, db.insertRow("positions", positionRow("cup", 2, 0.0f)));
+  ASSERT_EQ(0, db.endTransaction());
+  {
+    RawConnection other(path());
+    EXPECT_EQ("0", other.query("SELECT count(*) FROM positions"));
+  }
   // Case: createTable inside the open transaction joins it.
   EXPECT_EQ(0, db.createTable("Handles", "\"ObjectName\" text, \"TimeS\" int, \"TimeUS\" int, \"side\" text"));
   EXPECT_EQ(0, db.endTransaction());
   {
     RawConnection other(path());
-    EXPECT_EQ("1", other.query("SELECT count(*) FROM positions"));
+    EXPECT_EQ("2", other.query("SELECT count(*) FROM positions"));
     EXPECT_EQ("0", other.query("SELECT count(*) FROM Handles"));
   }
 
