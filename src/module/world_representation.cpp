@@ -122,9 +122,14 @@ KQWorldRepresentation::~KQWorldRepresentation() {
   // gone before anything here is torn down (exit() stopped it already when
   // it ran; stopping twice returns at once).
   stopMemoryCheck();
-  // Saves once more (exit() saved already); an exception escaping save()
-  // here ends the process, as nothing may leave a destructor.
-  save();
+  // Saves once more (exit() saved already). A failing save (the data folder
+  // gone, say) is logged: nothing may leave a destructor, and a service
+  // that is shutting down must not die on the way.
+  try {
+    save();
+  } catch (const std::exception& e) {
+    KQWR_ERROR("~KQWorldRepresentation") << "Could not save the world: " << e.what();
+  }
   // Every category database is closed before any other member goes.
   databases_.clear();
 }

@@ -567,6 +567,14 @@ int KQDatabaseManager::save() const {
   int rc = sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_FULL, nullptr, nullptr);
   std::string message = rc != SQLITE_OK ? sqlite3_errmsg(db) : std::string();
   sqlite3_mutex_leave(mutex);
+  const int primary = rc & 0xff;
+  if (primary == SQLITE_LOCKED || primary == SQLITE_BUSY) {
+    // A reader on this connection (the module lets readers run beside a
+    // save) or an open transaction holds the log: every committed row is in
+    // the write-ahead log already and the next checkpoint copies it over.
+    KQDB_LOG(ko::log::verbose, "save") << "Checkpoint of " << connection_->path() << " deferred: " << message;
+    return SQLITE_OK;
+  }
   if (rc != SQLITE_OK) {
     KQDB_LOG(ko::log::error, "save") << "Could not checkpoint " << connection_->path() << ": " << message;
   }
