@@ -1,6 +1,9 @@
 #include "middleware/net/http_session.h"
 
+#include <array>
 #include <chrono>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include <boost/asio/post.hpp>
@@ -54,7 +57,11 @@ void HttpSession::xClose() {
 void HttpSession::xReadHeader() {
   if (closed_) return;
   parser_.emplace();
-  parser_->body_limit(context_.options.maxMessageBytes);
+  // The size is judged by xOnHeader once the request is known to be allowed
+  // at all (a 401 comes before a 413); the body limit is set after that.
+  // (Not boost::none: Beast 1.74 compares a length against it as smaller
+  // than any number.)
+  parser_->body_limit(std::numeric_limits<std::uint64_t>::max());
   stream_.expires_after(std::chrono::seconds(context_.options.idleTimeoutSeconds));
   http::async_read_header(stream_, buffer_, *parser_,
                           [self = shared_from_this()](beast::error_code ec, std::size_t) { self->xOnHeader(ec); });
@@ -115,6 +122,8 @@ void HttpSession::xOnHeader(beast::error_code ec) {
 
 void HttpSession::xReadBody() {
   if (closed_) return;
+  // Also bounds chunked bodies, whose size shows only while they are read.
+  parser_->body_limit(context_.options.maxMessageBytes);
   http::async_read(stream_, buffer_, *parser_,
                    [self = shared_from_this()](beast::error_code ec, std::size_t) { self->xOnBody(ec); });
 }
@@ -176,8 +185,26 @@ void HttpSession::xSend(std::shared_ptr<Response> response) {
   // A client that stops reading gets the idle timeout, not a stuck worker.
   stream_.expires_after(std::chrono::seconds(context_.options.idleTimeoutSeconds));
   http::async_write(stream_, *response, [self = shared_from_this(), response](beast::error_code ec, std::size_t) {
-    if (ec || !response->keep_alive()) return self->xClose();
+    if (ec) return self->xClose();
+    if (!response->keep_alive()) return self->xLingerClose();
     self->xReadHeader();
+  });
+}
+
+void HttpSession::xLingerClose() {
+  if (closed_) return;
+  beast::error_code ignored;
+  stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+  // Enough for the client to see the answer and stop; a client that goes on
+  // sending is cut off after the limit or the pause.
+  constexpr std::size_t kMaxDiscard = 4u << 20;
+  stream_.expires_after(std::chrono::seconds(2));
+  auto scratch = std::make_shared<std::array<char, 16384>>();
+  stream_.async_read_some(asio::buffer(*scratch), [self = shared_from_this(), scratch](beast::error_code ec,
+                                                                                        std::size_t bytes) {
+    self->discarded_ += bytes;
+    if (ec || self->discarded_ > kMaxDiscard) return self->xClose();
+    self->xLingerClose();
   });
 }
 

@@ -47,6 +47,10 @@ class HttpSession : public Connection, public std::enable_shared_from_this<HttpS
   // A plain-text answer; closes the connection after it when closeAfter.
   void xRefuse(boost::beast::http::status status, const std::string& text, bool closeAfter = true);
   void xSend(std::shared_ptr<Response> response);
+  // After a refusal whose body was never read: stop sending, read and drop
+  // what the client still sends for a while, then close. Closing at once
+  // would reset the connection, and the client would lose the answer.
+  void xLingerClose();
   void xClose();
 
   boost::beast::tcp_stream stream_;
@@ -55,6 +59,7 @@ class HttpSession : public Connection, public std::enable_shared_from_this<HttpS
   ServerContext& context_;
   RequestGuard guard_;
   bool closed_ = false;
+  std::size_t discarded_ = 0;  // bytes dropped while lingering
 };
 
 }  // namespace net

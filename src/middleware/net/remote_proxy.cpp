@@ -11,7 +11,18 @@ KQRemoteProxy::KQRemoteProxy(std::shared_ptr<RpcClient> client, std::string modu
 KQValue KQRemoteProxy::callMethod(const std::string& method, const KQValue& args) {
   return client_->call(moduleName_ + "." + method, args);
 }
-std::vector<KQMethodDescription> KQRemoteProxy::getMethodList() { return {}; }
+std::vector<KQMethodDescription> KQRemoteProxy::getMethodList() {
+  const KQValue list = client_->call("broker.methods", KQValue(std::vector<std::string>{moduleName_}));
+  std::vector<KQMethodDescription> methods;
+  if (!list.isArray()) return methods;
+  for (const KQValue& entry : list.toArray()) {
+    // [name, description]; anything else is not from a server of ours.
+    if (!entry.isArray() || entry.getSize() < 2 || !entry[0].isString() || !entry[1].isString())
+      throw KQError(moduleName_, "getMethodList", "unreadable method list from " + client_->url());
+    methods.push_back(KQMethodDescription{entry[0].toString(), entry[1].toString(), std::string()});
+  }
+  return methods;
+}
 uint64_t KQRemoteProxy::subscribe(const std::string& event, KQEventCallback callback) {
   return client_->subscribe(event, std::move(callback));
 }

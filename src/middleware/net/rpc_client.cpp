@@ -250,7 +250,15 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
       if (link->dead) throw KQError("", "", "Connection to " + url_ + " lost");
       link->pending[id] = promise;
     }
-    xSend(link, request.dump(-1, ' ', false, json::error_handler_t::replace));
+    std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace);
+    // The server would refuse it without reading its id, and the answer
+    // could not be matched to this call: refuse it here, in the same words.
+    if (jsonDepthExceeds(text, kMaxJsonDepth)) {
+      std::lock_guard<std::mutex> lock(link->mutex);
+      link->pending.erase(id);
+      throw KQError("", "", "Invalid Request: nested deeper than " + std::to_string(kMaxJsonDepth) + " levels");
+    }
+    xSend(link, std::move(text));
     return reply.get();
   }
 
