@@ -231,6 +231,12 @@ class KQDatabaseManager::Connection {
     // every later operation reports SQLite's status for it.
     exec("PRAGMA journal_mode=WAL", "KQDatabaseManager");
     exec("PRAGMA synchronous=NORMAL", "KQDatabaseManager");
+    // Position histories are written one row per commit; checkpointing (and
+    // syncing) every 1000 pages would cost more than the rows themselves.
+    exec("PRAGMA wal_autocheckpoint=10000", "KQDatabaseManager");
+    // ...and the log file is cut back after a checkpoint instead of staying
+    // at its largest size.
+    exec("PRAGMA journal_size_limit=16777216", "KQDatabaseManager");
   }
 
   ~Connection() {
