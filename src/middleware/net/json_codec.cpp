@@ -120,6 +120,125 @@ json toJson(const KQValue& value) {
   return nullptr;
 }
 
+namespace {
+
+// True when text is well-formed UTF-8 (what nlohmann accepts unchanged).
+bool isUtf8(const std::string& text) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* end = p + text.size();
+  while (p < end) {
+    const unsigned char c = *p;
+    if (c < 0x80) {
+      ++p;
+      continue;
+    }
+    int extra = 0;
+    uint32_t code = 0;
+    if (c >= 0xC2 && c <= 0xDF) {
+      extra = 1;
+      code = c & 0x1Fu;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      extra = 2;
+      code = c & 0x0Fu;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      extra = 3;
+      code = c & 0x07u;
+    } else {
+      return false;
+    }
+    if (end - p <= extra) return false;
+    for (int i = 1; i <= extra; ++i) {
+      if ((p[i] & 0xC0u) != 0x80u) return false;
+      code = (code << 6) | (p[i] & 0x3Fu);
+    }
+    // Overlong forms, surrogates and values past U+10FFFF.
+    if ((extra == 2 && (code < 0x800 || (code >= 0xD800 && code <= 0xDFFF))) ||
+        (extra == 3 && (code < 0x10000 || code > 0x10FFFF)))
+      return false;
+    p += extra + 1;
+  }
+  return true;
+}
+
+void appendString(const std::string& text, std::string& out) {
+  if (!isUtf8(text)) {
+    out += json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+    return;
+  }
+  static const char* const kHex = "0123456789abcdef";
+  out += '"';
+  for (const char c : text) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          out += "\\u00";
+          out += kHex[(c >> 4) & 0xF];
+          out += kHex[c & 0xF];
+        } else {
+          out += c;
+        }
+    }
+  }
+  out += '"';
+}
+
+}  // namespace
+
+void appendJson(const KQValue& value, std::string& out) {
+  switch (value.getType()) {
+    case KQValue::Type::Invalid:
+      out += "null";
+      return;
+    case KQValue::Type::Bool:
+      out += value.toBool() ? "true" : "false";
+      return;
+    case KQValue::Type::Int: {
+      char buffer[16];
+      const auto result = std::to_chars(buffer, buffer + sizeof(buffer), value.toInt());
+      out.append(buffer, result.ptr);
+      return;
+    }
+    case KQValue::Type::Float:
+      out += formatFloat(value.toFloat());  // "null" when not finite, like toJson
+      return;
+    case KQValue::Type::String:
+      appendString(value.toString(), out);
+      return;
+    case KQValue::Type::Array: {
+      out += '[';
+      bool first = true;
+      for (const KQValue& element : value.toArray()) {
+        if (!first) out += ',';
+        first = false;
+        appendJson(element, out);
+      }
+      out += ']';
+      return;
+    }
+  }
+}
+
 KQValue fromJson(const json& j) {
   switch (j.type()) {
     case json::value_t::null:

@@ -34,6 +34,11 @@ constexpr int kMaxJsonDepth = 64;
 
 nlohmann::json toJson(const KQValue& value);
 
+// Appends the JSON text of value to out, as toJson(value).dump() would write
+// it (strings that are not UTF-8 get replacement characters), without
+// building the JSON document first: replies are written this way.
+void appendJson(const KQValue& value, std::string& out);
+
 // Throws KQArgumentError (module and method empty) for an object, an integer
 // outside 32 bits, or a number outside the float range; its message says
 // which, e.g. "2147483648 does not fit in a 32-bit int".

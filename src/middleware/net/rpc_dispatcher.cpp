@@ -57,8 +57,13 @@ std::string stringArgument(const std::string& module, const std::string& method,
 
 RpcDispatcher::RpcDispatcher(std::shared_ptr<KQBroker> broker) : broker_(std::move(broker)) {}
 
-std::string RpcDispatcher::eventNotification(const std::string& event, const json& value) {
-  return dumpJson(json{{"jsonrpc", "2.0"}, {"method", "event"}, {"params", json::array({event, value})}});
+std::string RpcDispatcher::eventNotification(const std::string& event, const KQValue& value) {
+  std::string out = R"({"jsonrpc":"2.0","method":"event","params":[)";
+  appendJson(KQValue(event), out);
+  out += ',';
+  appendJson(value, out);
+  out += "]}";
+  return out;
 }
 
 std::string RpcDispatcher::handle(std::string_view text, RpcSubscriptions* subscriptions) const {
@@ -79,51 +84,62 @@ std::string RpcDispatcher::handle(std::string_view text, RpcSubscriptions* subsc
     }
     if (document.is_array()) {
       if (document.empty()) return dumpJson(errorReply(nullptr, kInvalidRequest, "Invalid Request: empty batch"));
-      json replies = json::array();
+      std::string replies;
       for (const json& request : document) {
-        json reply = xHandleOne(request, subscriptions);
-        if (!reply.is_null()) replies.push_back(std::move(reply));
+        const std::size_t before = replies.size();
+        if (before > 0) replies += ',';
+        xHandleOne(request, subscriptions, replies);
+        if (replies.size() == before + 1) replies.resize(before);  // a notification: no comma either
       }
-      return replies.empty() ? std::string() : dumpJson(replies);
+      return replies.empty() ? std::string() : "[" + replies + "]";
     }
-    json reply = xHandleOne(document, subscriptions);
-    return reply.is_null() ? std::string() : dumpJson(reply);
+    std::string reply;
+    xHandleOne(document, subscriptions, reply);
+    return reply;
   } catch (const std::exception& e) {
     // Only running out of memory can land here; answer rather than drop.
     return dumpJson(errorReply(nullptr, kMethodFailed, std::string("Server error: ") + e.what()));
   }
 }
 
-json RpcDispatcher::xHandleOne(const json& request, RpcSubscriptions* subscriptions) const {
-  if (!request.is_object()) return errorReply(nullptr, kInvalidRequest, "Invalid Request: not an object");
+void RpcDispatcher::xHandleOne(const json& request, RpcSubscriptions* subscriptions, std::string& out) const {
+  const auto refuse = [&out](const json& id, const std::string& message) {
+    out += dumpJson(errorReply(id, kInvalidRequest, message));
+  };
+  if (!request.is_object()) return refuse(nullptr, "Invalid Request: not an object");
   const auto idField = request.find("id");
   const bool isNotification = idField == request.end();
   if (!isNotification && !isValidId(*idField))
-    return errorReply(nullptr, kInvalidRequest, "Invalid Request: \"id\" must be a string, a number or null");
+    return refuse(nullptr, "Invalid Request: \"id\" must be a string, a number or null");
   const json id = isNotification ? json() : *idField;
 
   const auto version = request.find("jsonrpc");
   if (version == request.end() || !version->is_string() || version->get_ref<const std::string&>() != "2.0")
-    return errorReply(id, kInvalidRequest, "Invalid Request: \"jsonrpc\" must be \"2.0\"");
+    return refuse(id, "Invalid Request: \"jsonrpc\" must be \"2.0\"");
   const auto method = request.find("method");
   if (method == request.end() || !method->is_string())
-    return errorReply(id, kInvalidRequest, "Invalid Request: \"method\" must be a string");
+    return refuse(id, "Invalid Request: \"method\" must be a string");
   const auto paramsField = request.find("params");
   const json* params = paramsField == request.end() ? nullptr : &*paramsField;
   if (params && !params->is_array() && !params->is_object())
-    return errorReply(id, kInvalidRequest, "Invalid Request: \"params\" must be an array");
+    return refuse(id, "Invalid Request: \"params\" must be an array");
 
   try {
-    json result = xCall(method->get_ref<const std::string&>(), params, subscriptions);
-    if (isNotification) return json();
-    return json{{"jsonrpc", "2.0"}, {"result", std::move(result)}, {"id", id}};
+    const KQValue result = xCall(method->get_ref<const std::string&>(), params, subscriptions);
+    if (isNotification) return;
+    // Written straight to text, in the key order nlohmann would use.
+    out += "{\"id\":";
+    out += dumpJson(id);
+    out += ",\"jsonrpc\":\"2.0\",\"result\":";
+    appendJson(result, out);
+    out += '}';
   } catch (const RpcFailure& failure) {
-    if (isNotification) return json();
-    return errorReply(id, failure.code, failure.message);
+    if (isNotification) return;
+    out += dumpJson(errorReply(id, failure.code, failure.message));
   }
 }
 
-json RpcDispatcher::xCall(const std::string& name, const json* params, RpcSubscriptions* subscriptions) const {
+KQValue RpcDispatcher::xCall(const std::string& name, const json* params, RpcSubscriptions* subscriptions) const {
   if (name == "subscribe" || name == "unsubscribe") {
     if (subscriptions == nullptr)
       throw RpcFailure{kMethodNotFound, "Unknown method: " + name + " (events need a WebSocket at /ws)"};
@@ -131,7 +147,7 @@ json RpcDispatcher::xCall(const std::string& name, const json* params, RpcSubscr
       throw RpcFailure{kInvalidParams, name + ": params must be an array of positional arguments"};
     const std::string event = stringArgument("", name, params);
     try {
-      return name == "subscribe" ? subscriptions->subscribe(event) : subscriptions->unsubscribe(event);
+      return KQValue(name == "subscribe" ? subscriptions->subscribe(event) : subscriptions->unsubscribe(event));
     } catch (const std::exception& e) {
       throw RpcFailure{kMethodFailed, e.what()};
     }
@@ -154,15 +170,16 @@ json RpcDispatcher::xCall(const std::string& name, const json* params, RpcSubscr
           throw RpcFailure{kInvalidParams, e.what()};
         }
       }
-      return broker_->getModuleNames();
+      return KQValue(broker_->getModuleNames());
     }
     if (methodName == "methods") {
       const std::string target = stringArgument("broker", "methods", params);
       const std::shared_ptr<KQModuleCore> module = broker_->getModule(target);
       if (!module) throw RpcFailure{kMethodNotFound, "Unknown module: " + target};
-      json list = json::array();
+      KQValue list;
+      list.arraySetSize(0);
       for (const KQMethodDescription& method : module->getMethodList())
-        list.push_back(json::array({method.name, method.description}));
+        list.arrayPush(KQValue(std::vector<std::string>{method.name, method.description}));
       return list;
     }
     throw RpcFailure{kMethodNotFound, "Unknown method: " + name};
@@ -203,7 +220,7 @@ json RpcDispatcher::xCall(const std::string& name, const json* params, RpcSubscr
   } catch (...) {
     throw RpcFailure{kMethodFailed, KQError(moduleName, methodName, "failed with an unknown exception").what()};
   }
-  return toJson(result);
+  return result;
 }
 
 }  // namespace net

@@ -20,6 +20,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "middleware/value.h"
+
 namespace KQ {
 
 class KQBroker;
@@ -56,16 +58,15 @@ class RpcDispatcher {
   std::string handle(std::string_view text, RpcSubscriptions* subscriptions) const;
 
   // The notification that carries a raised event to a subscriber.
-  static std::string eventNotification(const std::string& event, const nlohmann::json& value);
+  static std::string eventNotification(const std::string& event, const KQValue& value);
 
   const std::shared_ptr<KQBroker>& broker() const { return broker_; }
 
  private:
-  // One request object (or anything found where one should be); returns null
-  // JSON for a notification. No lock is held.
-  nlohmann::json xHandleOne(const nlohmann::json& request, RpcSubscriptions* subscriptions) const;
-  nlohmann::json xCall(const std::string& method, const nlohmann::json* params,
-                       RpcSubscriptions* subscriptions) const;
+  // One request object (or anything found where one should be); appends its
+  // reply's text to out, nothing for a notification. No lock is held.
+  void xHandleOne(const nlohmann::json& request, RpcSubscriptions* subscriptions, std::string& out) const;
+  KQValue xCall(const std::string& method, const nlohmann::json* params, RpcSubscriptions* subscriptions) const;
 
   std::shared_ptr<KQBroker> broker_;
 };

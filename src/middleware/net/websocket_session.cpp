@@ -158,7 +158,7 @@ bool WebSocketSession::subscribe(const std::string& event) {
       // Any thread: build the text here, hand it to the I/O thread.
       std::shared_ptr<WebSocketSession> self = weak.lock();
       if (!self) return;
-      std::string text = RpcDispatcher::eventNotification(name, toJson(value));
+      std::string text = RpcDispatcher::eventNotification(name, value);
       asio::post(self->ws_.get_executor(),
                  [self, text = std::move(text)]() mutable { self->xSend(std::move(text)); });
     });

@@ -1,5 +1,6 @@
 #include "middleware/net/worker_pool.h"
 
+#include <chrono>
 #include <utility>
 
 namespace KQ {
@@ -18,8 +19,10 @@ bool WorkerPool::post(Job job) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) return false;
     jobs_.push_back(std::move(job));
+    queued_.fetch_add(1, std::memory_order_release);
   }
-  ready_.notify_one();
+  // A spinning worker takes the job without being woken.
+  if (spinning_.load(std::memory_order_acquire) == 0) ready_.notify_one();
   return true;
 }
 
@@ -42,15 +45,35 @@ void WorkerPool::stop() {
   dropped.clear();
 }
 
+bool WorkerPool::xSpinForJob() {
+  // One spinner at a time: the others sleep, so an idle burst costs at most
+  // one core for kSpinWindow.
+  int expected = 0;
+  if (!spinning_.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) return false;
+  const auto until = std::chrono::steady_clock::now() + kSpinWindow;
+  bool found = false;
+  while (std::chrono::steady_clock::now() < until) {
+    if (queued_.load(std::memory_order_acquire) > 0) {
+      found = true;
+      break;
+    }
+    std::this_thread::yield();
+  }
+  spinning_.store(0, std::memory_order_release);
+  return found;
+}
+
 void WorkerPool::xRun() {
   for (;;) {
     Job job;
+    xSpinForJob();
     {
       std::unique_lock<std::mutex> lock(mutex_);
       ready_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
       if (stopping_) return;
       job = std::move(jobs_.front());
       jobs_.pop_front();
+      queued_.fetch_sub(1, std::memory_order_release);
     }
     try {
       job();
