@@ -86,6 +86,9 @@ TEST(JsonCodecTest, NumbersAreIntsOrFloatsByHowTheyAreWritten) {
   EXPECT_EQ(refusal("123456789012345678901234567890"), "an integer does not fit in a 32-bit int");
   // Case: a float beyond the float range.
   EXPECT_EQ(refusal("1e39"), "1e+39 does not fit in a float");
+  // Case: beyond even a double, the text itself is refused (a parse error).
+  json document;
+  EXPECT_EQ(parseJson("-1e999", document), ParseOutcome::SyntaxError);
 }
 
 TEST(JsonCodecTest, OtherKindsMapOneToOne) {
@@ -107,6 +110,31 @@ TEST(JsonCodecTest, OtherKindsMapOneToOne) {
   // Case: an object is not a value, wherever it hides.
   EXPECT_EQ(refusal("{\"a\": 1}"), "a JSON object is not a value");
   EXPECT_EQ(refusal("[1, [{}]]"), "a JSON object is not a value");
+}
+
+TEST(JsonCodecTest, RepliesWrittenStraightToTextMatchTheDocumentForm) {
+  // Replies skip the JSON document; whatever a module answers must still
+  // come out as the document would write it, odd strings included.
+  KQValue mixed;
+  mixed.arrayPush(KQValue("plain"));
+  mixed.arrayPush(KQValue(std::string("tab\t quote\" back\\ bell\x07 del\x7f")));
+  mixed.arrayPush(KQValue(std::string("Tasse \xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80")));
+  mixed.arrayPush(KQValue(std::string("broken \xff\xfe and \xc3")));  // not UTF-8
+  mixed.arrayPush(KQValue(std::string("surrogate \xed\xa0\x80")));
+  mixed.arrayPush(KQValue(-0.0f));
+  mixed.arrayPush(KQValue(std::numeric_limits<float>::infinity()));
+  mixed.arrayPush(KQValue(std::numeric_limits<int>::min()));
+  mixed.arrayPush(KQValue(false));
+  mixed.arrayPush(KQValue());
+  mixed.arrayPush(KQValue(std::vector<float>{}));
+  for (const KQValue& value : mixed.toArray()) {
+    std::string direct;
+    appendJson(value, direct);
+    EXPECT_EQ(direct, toJson(value).dump(-1, ' ', false, json::error_handler_t::replace)) << value;
+  }
+  std::string all;
+  appendJson(mixed, all);
+  EXPECT_EQ(all, toJson(mixed).dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 std::string nested(int depth, const std::string& inner = "1") {

@@ -265,7 +265,9 @@ KQValue fromJson(const json& j) {
     }
     case json::value_t::number_float: {
       const double d = j.get<double>();
-      if (!std::isfinite(d) || std::fabs(d) > static_cast<double>(std::numeric_limits<float>::max()))
+      // (A text like 1e999 arrives here as infinity, which has no digits to show.)
+      if (!std::isfinite(d)) throwNotAValue("a number does not fit in a float");
+      if (std::fabs(d) > static_cast<double>(std::numeric_limits<float>::max()))
         throwNotAValue(j.dump() + " does not fit in a float");
       return KQValue(static_cast<float>(d));
     }
