@@ -215,6 +215,31 @@ s.close()
   EXPECT_EQ(rpc(R"({"jsonrpc":"2.0","method":"NetTest.add","params":[1,2],"id":9})")["result"], 3);
 }
 
+TEST_F(WebSocketSessionTest, APeerThatStopsAnsweringIsClosedAfterTheIdleTimeout) {
+  net::RpcServerOptions options;
+  options.idleTimeoutSeconds = 1;
+  restartServer(options);
+  // A hand-made client: upgrades, then neither sends nor answers pings,
+  // like a peer whose machine went away without closing.
+  const ProgramResult run = runPython(R"(
+import socket, sys
+s = socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=30)
+s.sendall(b"GET /ws HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+          b"Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n")
+seen = b""
+while True:
+    chunk = s.recv(4096)
+    if not chunk:
+        break
+    seen += chunk
+print(seen.split(b"\r\n")[0].decode())
+print("ping seen" if b"\x89" in seen else "no ping")
+print("closed")
+)",
+                                      {std::to_string(port())});
+  EXPECT_EQ(run.out, "HTTP/1.1 101 Switching Protocols\nping seen\nclosed\n") << run.err;
+}
+
 TEST_F(WebSocketSessionTest, OversizedMessagesCloseTheConnection) {
   net::RpcServerOptions options;
   options.maxMessageBytes = 1024;
