@@ -1,9 +1,8 @@
 // Start-up and shutdown: the built-in categories, the fixed top of the frame
 // tree, one live node per joint, the events; exit saves.
-#include <exception>
-
 #include <boost/make_shared.hpp>
 #include <boost/thread/locks.hpp>
+#include <exception>
 
 #include "middleware/memory_proxy.h"
 #include "middleware/motion_proxy.h"
@@ -24,27 +23,27 @@ void KQWorldRepresentation::init() {
   createObjectCategory("kqmemoryobjects", true);
 
   {
-  // The module is already reachable through the broker, so the top of the
-  // tree is built under the object and graph locks.
-  boost::unique_lock<boost::shared_mutex> objectLock(objectLock_);
-  boost::unique_lock<boost::shared_mutex> graphLock(graphLock_);
-  boost::shared_lock<boost::shared_mutex> categoryLock(categoryLock_);
-  auto categoryOf = [this](const std::string& name) {
-    auto found = categories_.find(name);
-    return found == categories_.end() ? boost::shared_ptr<ObjectCategory>() : found->second;
-  };
-  graph_.setNodeData(0, std::make_shared<WorldObject>(rootName_, categoryOf("root")));
-  objects_[rootName_] = 0;
+    // The module is already reachable through the broker, so the top of the
+    // tree is built under the object and graph locks.
+    boost::unique_lock<boost::shared_mutex> objectLock(objectLock_);
+    boost::unique_lock<boost::shared_mutex> graphLock(graphLock_);
+    boost::shared_lock<boost::shared_mutex> categoryLock(categoryLock_);
+    auto categoryOf = [this](const std::string& name) {
+      auto found = categories_.find(name);
+      return found == categories_.end() ? boost::shared_ptr<ObjectCategory>() : found->second;
+    };
+    graph_.setNodeData(0, std::make_shared<WorldObject>(rootName_, categoryOf("root")));
+    objects_[rootName_] = 0;
 
-  int robotId = -1;
-  graph_.addNode(robotId, std::make_shared<KQOdometryDisplacement>(motionProxy_), 0);
-  graph_.setNodeData(robotId, std::make_shared<WorldObject>(robotName_, categoryOf("frame")));
-  objects_[robotName_] = robotId;
+    int robotId = -1;
+    graph_.addNode(robotId, std::make_shared<KQOdometryDisplacement>(motionProxy_), 0);
+    graph_.setNodeData(robotId, std::make_shared<WorldObject>(robotName_, categoryOf("frame")));
+    objects_[robotName_] = robotId;
 
-  int torsoId = -1;
-  graph_.addNode(torsoId, std::make_shared<KQMotionDisplacement>(motionProxy_, "Torso", 2), robotId);
-  graph_.setNodeData(torsoId, std::make_shared<WorldObject>(torsoName_, categoryOf("frame")));
-  objects_[torsoName_] = torsoId;
+    int torsoId = -1;
+    graph_.addNode(torsoId, std::make_shared<KQMotionDisplacement>(motionProxy_, "Torso", 2), robotId);
+    graph_.setNodeData(torsoId, std::make_shared<WorldObject>(torsoName_, categoryOf("frame")));
+    objects_[torsoName_] = torsoId;
   }
 
   for (const std::string& bodyName : motionProxy_->getBodyNames("Body")) {
@@ -85,9 +84,9 @@ void KQWorldRepresentation::addJoint(const std::string& name) {
       return;
     }
     auto jointsCategory = categories_.find("joints");
-    graph_.setNodeData(newId, std::make_shared<WorldObject>(
-                                  name, jointsCategory == categories_.end() ? boost::shared_ptr<ObjectCategory>()
-                                                                            : jointsCategory->second));
+    graph_.setNodeData(newId, std::make_shared<WorldObject>(name, jointsCategory == categories_.end()
+                                                                      ? boost::shared_ptr<ObjectCategory>()
+                                                                      : jointsCategory->second));
     objects_[name] = newId;
     joints_.insert(name);
 

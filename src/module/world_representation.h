@@ -42,6 +42,7 @@
 
 namespace KQ {
 
+class InterPosVisitor;
 class KQBroker;
 class KQMemoryProxy;
 class KQMotionProxy;
@@ -179,6 +180,11 @@ class KQWorldRepresentation : public KQModule {
   // Enters an empty database entry for each category a query of the past met
   // without one; takes the category lock exclusively (hold no lock).
   void xEnterEmptyDatabases(const std::set<std::string>& categories);
+  // Walks reference -> object with `visitor` under the object, graph and
+  // category locks held shared (takes them itself; hold no lock); false,
+  // logged from `function`, when either name is unknown.
+  bool xVisitAtTime(const char* function, const std::string& reference, const std::string& object,
+                    InterPosVisitor& visitor);
 
   // --- archive; all four locks held.
   void xLoadGraph();

@@ -1,11 +1,10 @@
 // Positions in the past: the pose of one object in the frame of another a
 // number of seconds ago, composed along the tree path from the position
 // histories by InterPosVisitor.
+#include <boost/thread/locks.hpp>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include <boost/thread/locks.hpp>
 
 #include "middleware/math.h"
 #include "module/module_log.h"
@@ -32,58 +31,45 @@ void KQWorldRepresentation::xEnterEmptyDatabases(const std::set<std::string>& ca
   for (const std::string& category : categories) databases_.emplace(category, KQDatabaseManager());
 }
 
-std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string& reference,
-                                                              const std::string& object, const int& secondsAgo,
-                                                              const int& type) {
-  ko::os::timeval now;
-  ko::os::gettimeofday(&now);
-  // All three shared: time queries run alongside each other and alongside
-  // present-time reads, never alongside writers.
-  SharedLock objectLock(objectLock_);
-  SharedLock graphLock(graphLock_);
-  SharedLock categoryLock(categoryLock_);
-  const int referenceId = xFindNodeId(reference);
-  if (referenceId < 0) {
-    KQWR_ERROR("getPosition6DAtTime") << "Reference not found";
-    return std::vector<float>();
+bool KQWorldRepresentation::xVisitAtTime(const char* function, const std::string& reference, const std::string& object,
+                                         InterPosVisitor& visitor) {
+  {
+    // All three shared: time queries run alongside each other and alongside
+    // present-time reads, never alongside writers.
+    SharedLock objectLock(objectLock_);
+    SharedLock graphLock(graphLock_);
+    SharedLock categoryLock(categoryLock_);
+    const int referenceId = xFindNodeId(reference);
+    if (referenceId < 0) {
+      KQWR_ERROR(function) << "Reference not found";
+      return false;
+    }
+    const int objectId = xFindNodeId(object);
+    if (objectId < 0) {
+      KQWR_ERROR(function) << "Object not found";
+      return false;
+    }
+    graph_.visitPath(visitor, referenceId, objectId);
   }
-  const int objectId = xFindNodeId(object);
-  if (objectId < 0) {
-    KQWR_ERROR("getPosition6DAtTime") << "Object not found";
-    return std::vector<float>();
-  }
-  InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
-  graph_.visitPath(visitor, referenceId, objectId);
-  categoryLock.unlock();
-  graphLock.unlock();
-  objectLock.unlock();
   xEnterEmptyDatabases(visitor.missingCategories());
+  return true;
+}
+
+std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string& reference, const std::string& object,
+                                                              const int& secondsAgo, const int& type) {
+  ko::os::timeval now;
+  ko::os::gettimeofday(&now);  // first thing, before any lock
+  InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
+  if (!xVisitAtTime("getPosition6DAtTime", reference, object, visitor)) return std::vector<float>();
   return visitor.getPosition6D().toVector();
 }
 
 KQValue KQWorldRepresentation::getPositionAtTime(const std::string& reference, const std::string& object,
                                                  const int& secondsAgo, const int& type) {
   ko::os::timeval now;
-  ko::os::gettimeofday(&now);
-  SharedLock objectLock(objectLock_);
-  SharedLock graphLock(graphLock_);
-  SharedLock categoryLock(categoryLock_);
-  const int referenceId = xFindNodeId(reference);
-  if (referenceId < 0) {
-    KQWR_ERROR("getPositionAtTime") << "Reference not found";
-    return KQValue();
-  }
-  const int objectId = xFindNodeId(object);
-  if (objectId < 0) {
-    KQWR_ERROR("getPositionAtTime") << "Object not found";
-    return KQValue();
-  }
+  ko::os::gettimeofday(&now);  // first thing, before any lock
   InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
-  graph_.visitPath(visitor, referenceId, objectId);
-  categoryLock.unlock();
-  graphLock.unlock();
-  objectLock.unlock();
-  xEnterEmptyDatabases(visitor.missingCategories());
+  if (!xVisitAtTime("getPositionAtTime", reference, object, visitor)) return KQValue();
   KQValue pose;
   pose.arraySetSize(2);
   pose[0] = KQValue(visitor.getQuaternion().toVector());

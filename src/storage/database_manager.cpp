@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "middleware/log.h"
+#include "storage/sql_identifier.h"
 
 namespace KQ {
 
@@ -112,16 +113,6 @@ int checkProgress(void*) {
   return std::chrono::steady_clock::now() > tDeadline ? 1 : 0;
 }
 
-std::string quoteIdentifier(const std::string& name) {
-  std::string quoted = "\"";
-  for (char c : name) {
-    if (c == '"') quoted += '"';
-    quoted += c;
-  }
-  quoted += '"';
-  return quoted;
-}
-
 bool isBlank(const char* text) {
   if (text == nullptr) return true;
   for (; *text != '\0'; ++text) {
@@ -207,8 +198,8 @@ KQValue emptyArray() {
 class KQDatabaseManager::Connection {
  public:
   explicit Connection(const std::string& path) : path_(path) {
-    int rc = sqlite3_open_v2(path.c_str(), &db_,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
+    int rc = sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                             nullptr);
     if (rc != SQLITE_OK) {
       KQDB_LOG(ko::log::error, "KQDatabaseManager")
           << "Could not open " << path << ": " << (db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
@@ -321,8 +312,7 @@ class KQDatabaseManager::Connection {
     sqlite3_mutex_leave(mutex);
     if (rc == SQLITE_ROW || rc == SQLITE_DONE) return rc;
     if (rc == SQLITE_INTERRUPT) {
-      KQDB_LOG(ko::log::error, function)
-          << "Query interrupted after " << deadlineMs() << " ms: " << sql;
+      KQDB_LOG(ko::log::error, function) << "Query interrupted after " << deadlineMs() << " ms: " << sql;
     } else {
       KQDB_LOG(ko::log::error, function) << "Could not run " << sql << ": " << message;
     }
@@ -390,8 +380,10 @@ class KQDatabaseManager::Connection {
 class KQDatabaseManager::CachedStatement {
  public:
   CachedStatement(Connection& connection, std::string sql, const char* function)
-      : connection_(connection), key_(static_cast<char>('0' + static_cast<int>(tAccess)) + sql),
-        sql_(std::move(sql)), function_(function) {
+      : connection_(connection),
+        key_(static_cast<char>('0' + static_cast<int>(tAccess)) + sql),
+        sql_(std::move(sql)),
+        function_(function) {
     rc_ = connection_.checkOut(key_, sql_, &stmt_, function_);
   }
   ~CachedStatement() {
@@ -453,9 +445,8 @@ int bindRow(sqlite3_stmt* stmt, const KQValue& row, const char* function) {
   for (std::size_t i = 0; i < pairs.size(); ++i) {
     int rc = bindValue(stmt, static_cast<int>(i) + 1, pairs[i][1]);
     if (rc != SQLITE_OK) {
-      KQDB_LOG(ko::log::error, function) << "Cannot bind a value of type "
-                                        << KQValue::typeName(pairs[i][1].getType()) << " to column "
-                                        << pairs[i][0].toString();
+      KQDB_LOG(ko::log::error, function) << "Cannot bind a value of type " << KQValue::typeName(pairs[i][1].getType())
+                                         << " to column " << pairs[i][0].toString();
       return rc;
     }
   }
@@ -526,8 +517,8 @@ int KQDatabaseManager::xIndexTable(const std::string& table, const char* functio
     if (rc != SQLITE_DONE) return rc;
   }
   if (!hasObjectName || !hasTimeS) return SQLITE_OK;
-  return connection_->exec("CREATE INDEX IF NOT EXISTS " + quoteIdentifier(table + "_ObjectName_TimeS") + " ON " +
-                               quoteIdentifier(table) + " (\"ObjectName\", \"TimeS\")",
+  return connection_->exec("CREATE INDEX IF NOT EXISTS " + quoteSqlIdentifier(table + "_ObjectName_TimeS") + " ON " +
+                               quoteSqlIdentifier(table) + " (\"ObjectName\", \"TimeS\")",
                            function);
 }
 
@@ -590,7 +581,7 @@ int KQDatabaseManager::save() const {
 int KQDatabaseManager::createTable(const std::string& table, const std::string& columns) {
   if (!xReady("createTable")) return 1;
   return xInTransaction("createTable", [&]() {
-    int rc = connection_->exec("CREATE TABLE IF NOT EXISTS " + quoteIdentifier(table) + " (" + columns + ")",
+    int rc = connection_->exec("CREATE TABLE IF NOT EXISTS " + quoteSqlIdentifier(table) + " (" + columns + ")",
                                "createTable");
     if (rc != SQLITE_OK) return rc;
     return xIndexTable(table, "createTable");
@@ -600,13 +591,13 @@ int KQDatabaseManager::createTable(const std::string& table, const std::string& 
 int KQDatabaseManager::insertRow(const std::string& table, const KQValue& row) {
   if (!xReady("insertRow")) return 1;
   if (!rowIsWellFormed(row)) {
-    KQDB_LOG(ko::log::error, "insertRow") << "Row for " << table << " is not a list of [column, value] pairs: "
-                                          << row.toText();
+    KQDB_LOG(ko::log::error, "insertRow")
+        << "Row for " << table << " is not a list of [column, value] pairs: " << row.toText();
     return 1;
   }
   // The text depends only on the table and the column names in order, so
   // the module's inserts into one table reuse one prepared statement.
-  std::string sql = "INSERT INTO " + quoteIdentifier(table);
+  std::string sql = "INSERT INTO " + quoteSqlIdentifier(table);
   const std::vector<KQValue>& pairs = row.toArray();
   if (pairs.empty()) {
     sql += " DEFAULT VALUES";
@@ -618,7 +609,7 @@ int KQDatabaseManager::insertRow(const std::string& table, const KQValue& row) {
         names += ", ";
         slots += ", ";
       }
-      names += quoteIdentifier(pairs[i][0].toString());
+      names += quoteSqlIdentifier(pairs[i][0].toString());
       slots += "?";
     }
     sql += " (" + names + ") VALUES (" + slots + ")";
@@ -633,15 +624,15 @@ int KQDatabaseManager::insertRow(const std::string& table, const KQValue& row) {
 int KQDatabaseManager::updateRow(const std::string& table, const KQValue& row, const std::string& where) {
   if (!xReady("updateRow")) return 1;
   if (!rowIsWellFormed(row) || row.getSize() == 0) {
-    KQDB_LOG(ko::log::error, "updateRow") << "Row for " << table << " is not a list of [column, value] pairs: "
-                                          << row.toText();
+    KQDB_LOG(ko::log::error, "updateRow")
+        << "Row for " << table << " is not a list of [column, value] pairs: " << row.toText();
     return 1;
   }
-  std::string sql = "UPDATE " + quoteIdentifier(table) + " SET ";
+  std::string sql = "UPDATE " + quoteSqlIdentifier(table) + " SET ";
   const std::vector<KQValue>& pairs = row.toArray();
   for (std::size_t i = 0; i < pairs.size(); ++i) {
     if (i != 0) sql += ", ";
-    sql += quoteIdentifier(pairs[i][0].toString()) + " = ?";
+    sql += quoteSqlIdentifier(pairs[i][0].toString()) + " = ?";
   }
   sql += " WHERE " + where;
   AccessScope scope(Access::kWrite, 0);
@@ -655,7 +646,7 @@ int KQDatabaseManager::updateRow(const std::string& table, const KQValue& row, c
 int KQDatabaseManager::deleteRow(const std::string& table, const std::string& where) {
   if (!xReady("deleteRow")) return 1;
   AccessScope scope(Access::kWrite, 0);
-  CachedStatement stmt(*connection_, "DELETE FROM " + quoteIdentifier(table) + " WHERE " + where, "deleteRow");
+  CachedStatement stmt(*connection_, "DELETE FROM " + quoteSqlIdentifier(table) + " WHERE " + where, "deleteRow");
   if (stmt.status() != SQLITE_OK) return stmt.status();
   return stmt.run();
 }
@@ -663,14 +654,14 @@ int KQDatabaseManager::deleteRow(const std::string& table, const std::string& wh
 KQValue KQDatabaseManager::select(const std::string& table, const std::string& where,
                                   const std::string& columns) const {
   if (!xReady("select")) return emptyArray();
-  return xQuery("SELECT " + columns + " FROM " + quoteIdentifier(table) + " WHERE " + where, "select");
+  return xQuery("SELECT " + columns + " FROM " + quoteSqlIdentifier(table) + " WHERE " + where, "select");
 }
 
-KQValue KQDatabaseManager::selectWithOrder(const std::string& table, const std::string& where,
-                                           const std::string& order, const std::string& columns,
-                                           int last) const {
+KQValue KQDatabaseManager::selectWithOrder(const std::string& table, const std::string& where, const std::string& order,
+                                           const std::string& columns, int last) const {
   if (!xReady("selectWithOrder")) return emptyArray();
-  std::string sql = "SELECT " + columns + " FROM " + quoteIdentifier(table) + " WHERE " + where + " ORDER BY " + order;
+  std::string sql =
+      "SELECT " + columns + " FROM " + quoteSqlIdentifier(table) + " WHERE " + where + " ORDER BY " + order;
   // Index `last` is the last row kept: LIMIT last+1 lets SQLite stop early
   // (in 64 bits, so INT_MAX does not wrap).
   if (last >= 0) sql += " LIMIT " + std::to_string(static_cast<int64_t>(last) + 1);
@@ -708,7 +699,7 @@ int KQDatabaseManager::resetDatabase() {
     std::vector<std::string> tables = xTableNames(&rc);
     if (rc != SQLITE_OK) return rc;
     for (const std::string& table : tables) {
-      rc = connection_->exec("DELETE FROM " + quoteIdentifier(table), "resetDatabase");
+      rc = connection_->exec("DELETE FROM " + quoteSqlIdentifier(table), "resetDatabase");
       if (rc != SQLITE_OK) return rc;
     }
     return SQLITE_OK;

@@ -1,20 +1,6 @@
 #include "storage/object_category.h"
 
-namespace {
-
-// A double-quoted SQL identifier; a double quote inside the name is doubled so
-// that any field name stays one identifier inside CREATE TABLE.
-std::string quoteIdentifier(const std::string& name) {
-  std::string quoted = "\"";
-  for (char c : name) {
-    if (c == '"') quoted += '"';
-    quoted += c;
-  }
-  quoted += '"';
-  return quoted;
-}
-
-}  // namespace
+#include "storage/sql_identifier.h"
 
 void ObjectCategory::addAttribute(const ObjectAttribute& attribute) {
   const std::string& name = attribute.getName();
@@ -51,7 +37,7 @@ std::string ObjectCategory::getAttributeTable(const std::string& name) const {
   std::string columns;
   for (const AttributeField& field : attribute->getFields()) {
     if (!columns.empty()) columns += ", ";
-    columns += quoteIdentifier(field.getName());
+    columns += KQ::quoteSqlIdentifier(field.getName());
     if (!field.getType().empty()) columns += " " + field.getType();
   }
   return columns;
