@@ -82,7 +82,7 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "  --parent URL         use KQMemory and KQMotion of the broker at URL (for\n"
       << "                       example http://127.0.0.1:9480) when it hosts them\n"
       << "  --robot FILE         URDF robot description driven by the simulated KQMotion\n"
-      << "                       (default: the built-in " << KQ::kDefaultRobotSource << ")\n"
+      << "                       (default: " << KQ::kDefaultRobotSource << ")\n"
       << "  --torso-link NAME    link of the description that is the robot's torso\n"
       << "                       (default Torso)\n"
       << "  --log-level N        0 silent, 1 fatal, 2 error, 3 warning, 4 info (default),\n"
