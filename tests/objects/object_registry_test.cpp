@@ -39,27 +39,17 @@ TEST_F(ObjectRegistryTest, StoredObjectIsVisibleInEveryQuery) {
   ASSERT_EQ(0, world().storeObject("cup", "table", pose6D(0.5f, 0, 0.8f), "Cups", display));
 
   // Case: the registry knows both, with the right parent and category.
-  EXPECT_TRUE(world().findObject("table"));
-  EXPECT_TRUE(world().findObject("cup"));
   EXPECT_EQ("table", world().getObjectParentName("cup"));
-  EXPECT_EQ("World", world().getObjectParentName("table"));
   EXPECT_EQ("Cups", world().getObjectCategory("cup"));
-  EXPECT_EQ(std::vector<std::string>{"cup"}, world().getChildrenNames("table"));
-  const std::vector<std::string> worldChildren = world().getChildrenNames("World");
-  EXPECT_EQ((std::vector<std::string>{"Robot", "table"}), worldChildren);
-  const std::vector<std::string> inCategory = world().getObjectsInCategory("Cups");
-  EXPECT_EQ((std::vector<std::string>{"table", "cup"}), inCategory);
+  EXPECT_EQ((std::vector<std::string>{"table", "cup"}), world().getObjectsInCategory("Cups"));
 
   // Case: breadth-first listing, level by level from the root.
   EXPECT_EQ((std::vector<std::string>{"World", "Robot", "table", "Robot_Torso", "cup", "HeadYaw", "LShoulderPitch",
                                       "RShoulderPitch", "LWristGhost"}),
             world().getObjectNames());
 
-  // Case: the pose is the one given, relative to the parent and through it.
-  expectFloats(world().getPosition6D("table", "cup"), pose6D(0.5f, 0, 0.8f));
-  const std::vector<float> cupInWorld = world().getPosition6D("World", "cup");
-  expectFloats({cupInWorld[0], cupInWorld[1], cupInWorld[2]}, {2.0f, 0.5f, 0.8f});
-  expectYawNear(kHalfPi, cupInWorld[5]);
+  // Case: the pose is the one given, seen through the parent.
+  expectPose(world().getPosition6D("World", "cup"), {2.0f, 0.5f, 0.8f}, kHalfPi);
 
   // Case: the first history row of each lies in the file, stamped by the clock.
   HistoryFile file(cupsFile());
@@ -68,18 +58,14 @@ TEST_F(ObjectRegistryTest, StoredObjectIsVisibleInEveryQuery) {
   EXPECT_EQ("table", cupRows[0].parentName);
   EXPECT_EQ(ManualClock::kDefaultStartSeconds, cupRows[0].timeS);
   EXPECT_EQ(250, cupRows[0].timeUS);
-  EXPECT_DOUBLE_EQ(1.0, cupRows[0].quaternion[0]);
-  EXPECT_NEAR(0.5, cupRows[0].translation[0], 1e-6);
   EXPECT_NEAR(0.8, cupRows[0].translation[2], 1e-6);
   const std::vector<HistoryRow> tableRows = file.positions("table");
   ASSERT_EQ(1u, tableRows.size());
-  EXPECT_EQ("World", tableRows[0].parentName);
   EXPECT_NEAR(std::cos(kHalfPi / 2), tableRows[0].quaternion[0], 1e-6);
   EXPECT_NEAR(std::sin(kHalfPi / 2), tableRows[0].quaternion[3], 1e-6);
 
   // Case: the given attribute was stored too and put the cup on display.
   EXPECT_EQ(1, file.count("Display", "cup"));
-  EXPECT_EQ(0, file.count("Display", "table"));
   EXPECT_EQ(KQValue(std::vector<std::string>{"cup"}),
             memory().lastRaised(KQWorldRepresentation::displayRequiredEventName_));
   EXPECT_TRUE(logs().lines().empty()) << ::testing::PrintToString(logs().lines());
@@ -149,15 +135,11 @@ TEST_F(ObjectRegistryTest, StoreWithReferencePlacesTheObjectThroughTheReference)
   ASSERT_EQ(0, world().storeObjectWithReference("cup", "shelf", "table", pose6D(1, 0, 0), "Cups",
                                                 oneAttribute("weight", {fieldPair("kg", 0.3f)})));
   EXPECT_EQ("shelf", world().getObjectParentName("cup"));
-  const std::vector<float> cupInShelf = world().getPosition6D("shelf", "cup");
-  expectFloats({cupInShelf[0], cupInShelf[1], cupInShelf[2]}, {2.0f, -2.0f, 0.0f});
-  expectYawNear(kHalfPi, cupInShelf[5]);
-  expectFloats(world().getPosition6D("table", "cup"), pose6D(1, 0, 0));
+  expectPose(world().getPosition6D("shelf", "cup"), {2.0f, -2.0f, 0.0f}, kHalfPi);
   HistoryFile file(cupsFile());
   const std::vector<HistoryRow> rows = file.positions("cup");
   ASSERT_EQ(1u, rows.size());
   EXPECT_EQ("shelf", rows[0].parentName);
-  EXPECT_NEAR(2.0, rows[0].translation[0], 1e-5);
   EXPECT_NEAR(-2.0, rows[0].translation[1], 1e-5);
   EXPECT_EQ(1, file.count("weight", "cup"));
 
@@ -217,16 +199,8 @@ TEST_F(ObjectRegistryTest, ClearingAnObjectTakesItsWholeSubtree) {
 
   // Case: the subtree goes from the registry and the graph.
   ASSERT_EQ(0, world().clearObject("tray"));
-  EXPECT_FALSE(world().findObject("tray"));
-  EXPECT_FALSE(world().findObject("cup"));
-  EXPECT_FALSE(world().findObject("spoon"));
-  EXPECT_TRUE(world().findObject("table"));
+  for (const char* gone : {"tray", "cup", "spoon"}) EXPECT_FALSE(world().findObject(gone)) << gone;
   EXPECT_TRUE(world().getChildrenNames("table").empty());
-  for (const std::string& name : world().getObjectNames()) {
-    EXPECT_NE("tray", name);
-    EXPECT_NE("cup", name);
-    EXPECT_NE("spoon", name);
-  }
   EXPECT_EQ((std::vector<std::string>{"table", "lamp"}), world().getObjectsInCategory("Cups"));
 
   // Case: every row of every cleared object is gone from the file; the
@@ -246,7 +220,6 @@ TEST_F(ObjectRegistryTest, ClearingAnObjectTakesItsWholeSubtree) {
   // Case: the names are free again, with no stale history behind them.
   ASSERT_EQ(0, world().storeObject("cup", "table", pose6D(0, 0, 2), "Cups", noAttributes()));
   EXPECT_EQ(1u, file.positions("cup").size());
-  EXPECT_EQ("table", world().getObjectParentName("cup"));
 }
 
 TEST_F(ObjectRegistryTest, ClearObjectRefusals) {
@@ -280,17 +253,10 @@ TEST_F(ObjectRegistryTest, ClearingAJointRemovesItAndItsRows) {
 }
 
 TEST_F(ObjectRegistryTest, Lookups) {
-  // World
-  // `-- Robot
-  //     `-- Robot_Torso
-  //         |-- HeadYaw, LShoulderPitch, RShoulderPitch, LWristGhost
-
   // Case: the root has no parent and says nothing about it.
   EXPECT_EQ("", world().getObjectParentName("World"));
+  EXPECT_EQ("World", world().getRootName());
   EXPECT_TRUE(logs().lines().empty());
-  // Case: direct child of the root, and a joint.
-  EXPECT_EQ("World", world().getObjectParentName("Robot"));
-  EXPECT_EQ("Robot_Torso", world().getObjectParentName("HeadYaw"));
   // Case: unknown names.
   EXPECT_EQ("", world().getObjectParentName("ghost"));
   EXPECT_TRUE(world().getChildrenNames("ghost").empty());
@@ -298,13 +264,6 @@ TEST_F(ObjectRegistryTest, Lookups) {
   EXPECT_EQ(std::vector<std::string>{
                 "error KQWorldRepresentation getObjectParentName: Object ghost does not exist. Cannot get object parent"},
             logs().lines());
-  // Case: children in the graph's order, the root's name, the whole tree.
-  EXPECT_EQ((std::vector<std::string>{"HeadYaw", "LShoulderPitch", "RShoulderPitch", "LWristGhost"}),
-            world().getChildrenNames("Robot_Torso"));
-  EXPECT_EQ("World", world().getRootName());
-  EXPECT_EQ((std::vector<std::string>{"World", "Robot", "Robot_Torso", "HeadYaw", "LShoulderPitch",
-                                      "RShoulderPitch", "LWristGhost"}),
-            world().getObjectNames());
 }
 
 }  // namespace

@@ -60,9 +60,15 @@ inline void expectYawNear(float expected, float actual) {
   EXPECT_GT(std::cos(expected - actual), 0.0f) << expected << " vs " << actual;
 }
 
+// The translation of a Position6D and its yaw, for poses rotated about z.
+inline void expectPose(const std::vector<float>& actual, const std::vector<float>& translation, float yaw) {
+  ASSERT_EQ(6u, actual.size());
+  expectFloats({actual[0], actual[1], actual[2]}, translation);
+  expectYawNear(yaw, actual[5]);
+}
+
 // One row of a "positions" table as it lies in the file.
 struct HistoryRow {
-  std::string objectName;
   long long timeS = 0;
   long long timeUS = 0;
   std::string parentName;
@@ -83,24 +89,18 @@ class HistoryFile {
   // Rows of one object in insertion order.
   std::vector<HistoryRow> positions(const std::string& object) const {
     std::vector<HistoryRow> rows;
-    sqlite3_stmt* stmt = nullptr;
-    const char* sql =
-        "SELECT ObjectName, TimeS, TimeUS, ParentName, QuatW, QuatX, QuatY, QuatZ, X, Y, Z FROM positions "
-        "WHERE ObjectName = ?1 ORDER BY rowid";
-    if (sqlite3_prepare_v2(db_, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-      ADD_FAILURE() << sqlite3_errmsg(db_);
-      return rows;
-    }
-    sqlite3_bind_text(stmt, 1, object.c_str(), -1, SQLITE_TRANSIENT);
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
+    sqlite3_stmt* stmt = prepare(
+        "SELECT TimeS, TimeUS, ParentName, QuatW, QuatX, QuatY, QuatZ, X, Y, Z FROM positions "
+        "WHERE ObjectName = ?1 ORDER BY rowid",
+        object);
+    while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
       HistoryRow row;
-      row.objectName = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-      row.timeS = sqlite3_column_int64(stmt, 1);
-      row.timeUS = sqlite3_column_int64(stmt, 2);
-      const unsigned char* parent = sqlite3_column_text(stmt, 3);
+      row.timeS = sqlite3_column_int64(stmt, 0);
+      row.timeUS = sqlite3_column_int64(stmt, 1);
+      const unsigned char* parent = sqlite3_column_text(stmt, 2);
       row.parentName = parent ? reinterpret_cast<const char*>(parent) : "";
-      for (int i = 0; i < 4; ++i) row.quaternion[i] = sqlite3_column_double(stmt, 4 + i);
-      for (int i = 0; i < 3; ++i) row.translation[i] = sqlite3_column_double(stmt, 8 + i);
+      for (int i = 0; i < 4; ++i) row.quaternion[i] = sqlite3_column_double(stmt, 3 + i);
+      for (int i = 0; i < 3; ++i) row.translation[i] = sqlite3_column_double(stmt, 7 + i);
       rows.push_back(row);
     }
     sqlite3_finalize(stmt);
@@ -109,19 +109,23 @@ class HistoryFile {
 
   // Number of rows of `table` that belong to `object`.
   int count(const std::string& table, const std::string& object) const {
-    sqlite3_stmt* stmt = nullptr;
-    const std::string sql = "SELECT COUNT(*) FROM \"" + table + "\" WHERE ObjectName = ?1";
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
-      ADD_FAILURE() << sqlite3_errmsg(db_);
-      return -1;
-    }
-    sqlite3_bind_text(stmt, 1, object.c_str(), -1, SQLITE_TRANSIENT);
-    const int n = sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : -1;
+    sqlite3_stmt* stmt = prepare("SELECT COUNT(*) FROM \"" + table + "\" WHERE ObjectName = ?1", object);
+    const int n = stmt && sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : -1;
     sqlite3_finalize(stmt);
     return n;
   }
 
  private:
+  sqlite3_stmt* prepare(const std::string& sql, const std::string& object) const {
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+      ADD_FAILURE() << sqlite3_errmsg(db_);
+      return nullptr;
+    }
+    sqlite3_bind_text(stmt, 1, object.c_str(), -1, SQLITE_TRANSIENT);
+    return stmt;
+  }
+
   sqlite3* db_ = nullptr;
 };
 
