@@ -11,20 +11,58 @@
 //   `-- ball                  (kqmemoryobjects, kept by the memory watcher)
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "middleware/value.h"
-#include "support/watchdog.h"
 #include "support/world_fixture.h"
 
 namespace KQ {
 namespace test {
 namespace {
+
+// Aborts the process with `what` if it is still alive after `limit`: a
+// deadlocked test would otherwise hang until ctest kills it, saying nothing.
+class Watchdog {
+ public:
+  Watchdog(std::chrono::seconds limit, std::string what) : what_(std::move(what)) {
+    thread_ = std::thread([this, limit] {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (!done_.wait_for(lock, limit, [this] { return finished_; })) {
+        std::fprintf(stderr, "WATCHDOG: %s did not finish within %lld s: deadlock suspected\n", what_.c_str(),
+                     static_cast<long long>(limit.count()));
+        std::fflush(stderr);
+        std::abort();
+      }
+    });
+  }
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      finished_ = true;
+    }
+    done_.notify_all();
+    thread_.join();
+  }
+  Watchdog(const Watchdog&) = delete;
+  Watchdog& operator=(const Watchdog&) = delete;
+
+ private:
+  std::string what_;
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool finished_ = false;
+  std::thread thread_;
+};
 
 KQValue emptyList() {
   KQValue list;
@@ -35,8 +73,8 @@ KQValue emptyList() {
 KQValue weight(float kilograms) { return list({list({"kg", kilograms})}); }
 
 KQValue ball(float x) {
-  return list({"object", "World", KQValue(std::vector<float>{x, 1, 0}), "ball.dae", KQValue(std::vector<float>{1, 1, 1}),
-               KQValue(std::vector<float>{1, 0, 0})});
+  return list({"object", "World", KQValue(std::vector<float>{x, 1, 0}), "ball.dae",
+               KQValue(std::vector<float>{1, 1, 1}), KQValue(std::vector<float>{1, 0, 0})});
 }
 
 // Runs every body on its own thread until `duration` has passed.
@@ -77,7 +115,7 @@ TEST_F(StressTest, MixedCallersEndWithoutDeadlockOrLostRows) {
 
   std::atomic<bool> stop{false};
   std::atomic<int> failures{0};
-  std::atomic<int> savedMoves{0};   // updatePosition(mover1, save true) that returned 0
+  std::atomic<int> savedMoves{0};  // updatePosition(mover1, save true) that returned 0
   std::atomic<int> weightsStored{0};
   std::atomic<int> churned{0};
   std::atomic<int> savesDone{0};
@@ -202,13 +240,19 @@ TEST_F(StressTest, NoReaderTakesASharedLockTwice) {
         world().getObjectLatestAttributes("mover1", 1);
         ++readerCalls;
       },
+      [&] {
+        world().getPosition6DAtTime("HeadYaw", "mover1", 1, 1);
+        ++readerCalls;
+      },
       // Writers.
       [&] {
         const std::string name = "w_" + std::to_string(counter++);
         world().storeObject(name, "table", {0, 0, 0, 0, 0, 0}, "cups", emptyList());
         world().clearObject(name);
       },
-      [&] { world().updatePosition("mover1", {0.3f, 0, 0, 0, 0, 0}, true); },
+      [&] {
+        world().updatePosition("mover1", {0.3f, 0, 0, 0, 0, 0}, true);
+      },
       [&] { world().createObjectCategory("cups", false); },
       [&] { world().getPosition("mover1", "HeadYaw"); },
   };

@@ -7,13 +7,13 @@
 //   `-- cup                    (frame)
 #include "module/world_representation.h"
 
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "middleware/broker.h"
 #include "middleware/error.h"

@@ -33,7 +33,7 @@ const char* const kPositionsColumns =
 KQValue historyRow(const std::string& object, int timeS, const std::vector<float>& q, const std::vector<float>& t,
                    bool withX = true) {
   std::vector<KQValue> pairs{fieldPair("ParentName", "World"), fieldPair("QuatW", q[0]), fieldPair("QuatX", q[1]),
-                             fieldPair("QuatY", q[2]),         fieldPair("QuatZ", q[3])};
+                             fieldPair("QuatY", q[2]), fieldPair("QuatZ", q[3])};
   if (withX) pairs.push_back(fieldPair("X", t[0]));
   pairs.push_back(fieldPair("Y", t[1]));
   pairs.push_back(fieldPair("Z", t[2]));

@@ -50,8 +50,7 @@ inline std::vector<float> yawTransform(float yaw, float x, float y, float z) {
 inline void expectFloats(const std::vector<float>& actual, const std::vector<float>& expected,
                          float tolerance = kTolerance) {
   ASSERT_EQ(expected.size(), actual.size());
-  for (std::size_t i = 0; i < expected.size(); ++i)
-    EXPECT_NEAR(expected[i], actual[i], tolerance) << "element " << i;
+  for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_NEAR(expected[i], actual[i], tolerance) << "element " << i;
 }
 
 // Yaw angles near +-pi name the same rotation; compares them as angles.
