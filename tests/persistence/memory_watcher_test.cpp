@@ -30,12 +30,6 @@ namespace {
 // Linux keeps 15 bytes of the watcher's name "KQWorldRep-KQMemory".
 const char* const kWatcherThread = "KQWorldRep-KQMe";
 
-KQValue emptyList() {
-  KQValue list;
-  list.arraySetSize(0);
-  return list;
-}
-
 // The value another module publishes: [text, reference, position, model,
 // scale, colour].
 KQValue memoryObject(const std::string& reference, const std::vector<float>& position, const std::string& model) {
@@ -83,7 +77,7 @@ class MemoryWatcherTest : public WorldFixture {
  protected:
   void SetUp() override {
     WorldFixture::SetUp();
-    ASSERT_EQ(0, world().storeObject("table", "World", {1, 0, 0, 0, 0, 0}, "frame", emptyList()));
+    ASSERT_EQ(0, world().storeObject("table", "World", {1, 0, 0, 0, 0, 0}, "frame", list({})));
   }
   void TearDown() override {
     // exit() in the fixture stops the watcher too; a hang there would hide
@@ -155,7 +149,7 @@ TEST_F(MemoryWatcherTest, MirrorsPublishedObjectsIntoTheWorld) {
 
   // Case: an emptied value removes the display rows and takes the object
   // off the display list; the object stays.
-  memory().setData("Object/cup", emptyList());
+  memory().setData("Object/cup", list({}));
   ASSERT_TRUE(waitUntil([&] { return displayRows("cup").getSize() == 0 && !onDisplayList("cup"); }));
   EXPECT_TRUE(world().findObject("cup"));
 }

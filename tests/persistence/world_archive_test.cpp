@@ -53,12 +53,6 @@ const std::vector<float> kHeadYawInTorso = {std::cos(0.5f), -std::sin(0.5f), 0, 
                                             0,              0,               1, 0.1265f};
 const std::vector<float> kIdentityTransform = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
 
-KQValue emptyList() {
-  KQValue list;
-  list.arraySetSize(0);
-  return list;
-}
-
 std::string readFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -137,11 +131,11 @@ class WorldArchiveTest : public WorldFixture {
   // throttle pass, so that the robot frame reads its scripted pose.
   void buildTable() {
     ASSERT_EQ(0, world().createObjectCategory("cups", true));
-    ASSERT_EQ(0, world().storeObject("tray", "Robot_Torso", {0.2f, 0.0f, 0.1f, 0, 0, 0}, "frame", emptyList()));
-    ASSERT_EQ(0, world().storeObject("cup1", "tray", {0.1f, 0.0f, 0.05f, 0, 0, 0}, "cups", emptyList()));
-    ASSERT_EQ(0, world().storeObject("cup2", "tray", {-0.1f, 0.2f, 0.05f, 0, 0, 1.0f}, "cups", emptyList()));
-    ASSERT_EQ(0, world().storeObject("saucer", "cup1", {0.0f, 0.0f, -0.01f, 0, 0, 0}, "cups", emptyList()));
-    ASSERT_EQ(0, world().storeObject("table", "World", {1.0f, 0.0f, 0.7f, 0, 0, 0}, "frame", emptyList()));
+    ASSERT_EQ(0, world().storeObject("tray", "Robot_Torso", {0.2f, 0.0f, 0.1f, 0, 0, 0}, "frame", list({})));
+    ASSERT_EQ(0, world().storeObject("cup1", "tray", {0.1f, 0.0f, 0.05f, 0, 0, 0}, "cups", list({})));
+    ASSERT_EQ(0, world().storeObject("cup2", "tray", {-0.1f, 0.2f, 0.05f, 0, 0, 1.0f}, "cups", list({})));
+    ASSERT_EQ(0, world().storeObject("saucer", "cup1", {0.0f, 0.0f, -0.01f, 0, 0, 0}, "cups", list({})));
+    ASSERT_EQ(0, world().storeObject("table", "World", {1.0f, 0.0f, 0.7f, 0, 0, 0}, "frame", list({})));
     clock_->advanceMilliseconds(100);
   }
 
@@ -158,7 +152,7 @@ TEST_F(WorldArchiveTest, SaveAndLoadGiveBackTheTreeWithFixedEdges) {
 
   // Case: the world changes after the save: an object comes, one goes, one
   // moves, the robot drives on and the head turns.
-  ASSERT_EQ(0, world().storeObject("spoon", "tray", {0, 0, 0, 0, 0, 0}, "cups", emptyList()));
+  ASSERT_EQ(0, world().storeObject("spoon", "tray", {0, 0, 0, 0, 0, 0}, "cups", list({})));
   ASSERT_EQ(0, world().clearObject("cup2"));
   ASSERT_EQ(0, world().updatePosition("cup1", {0.5f, 0.5f, 0, 0, 0, 0}, false));
   motion().setTransform("HeadYaw", 0, kIdentityTransform);
@@ -274,7 +268,7 @@ TEST_F(WorldArchiveTest, SaveNeverWaitsForABusyGraph) {
   ASSERT_EQ(0, world().save());
   const std::string nodesBefore = readFile(nodesPath());
   const std::string edgesBefore = readFile(edgesPath());
-  ASSERT_EQ(0, world().storeObject("spoon", "tray", {0, 0, 0, 0, 0, 0}, "cups", emptyList()));
+  ASSERT_EQ(0, world().storeObject("spoon", "tray", {0, 0, 0, 0, 0, 0}, "cups", list({})));
 
   // A subscriber that blocks keeps the raising call inside its locks:
   // updatePosition raises with the graph held exclusively, a "Display"
@@ -405,8 +399,8 @@ TEST_F(WorldArchiveTest, TheMergeWalkKeepsItsOrderRules) {
   destroyWorld();
   std::remove((dataDir() + "/nodes.xml").c_str());
   createWorld();
-  ASSERT_EQ(0, world().storeObject("desk", "World", {1, 0, 0, 0, 0, 0}, "frame", emptyList()));
-  ASSERT_EQ(0, world().storeObject("mug", "desk", {0, 0, 0.7f, 0, 0, 0}, "frame", emptyList()));
+  ASSERT_EQ(0, world().storeObject("desk", "World", {1, 0, 0, 0, 0, 0}, "frame", list({})));
+  ASSERT_EQ(0, world().storeObject("mug", "desk", {0, 0, 0.7f, 0, 0, 0}, "frame", list({})));
   ASSERT_EQ(0, world().save());
   EXPECT_LE(world().load(), 0);
   EXPECT_EQ((std::vector<std::string>{"World", "Robot", "desk", "Robot_Torso", "mug"}), world().getObjectNames());

@@ -1,7 +1,6 @@
-// Attribute rows through the running module: typed results and NULLs,
-// updates and deletions with their refusals, pruning of old positions, the
-// read queries, hostile raw selects, reset and transactions, and readers
-// and writers running together.
+// Attribute rows through the running module: updates and deletions with
+// their refusals, pruning of old positions, the read queries, hostile raw
+// selects, reset and transactions, and readers and writers running together.
 //
 // Every test starts from this tree (besides the robot's frames):
 //
@@ -66,30 +65,6 @@ class AttributeOperationsTest : public WorldFixture {
     return world().select(condition, "Cups", "stock", "*").getSize();
   }
 };
-
-TEST_F(AttributeOperationsTest, TypedResultsAndNulls) {
-  // Case: every column comes back with its declared type, unset ones as NULL.
-  ASSERT_EQ(0, world().storeObjectAttribute("cup1", "stock", list({list({"count", 3}), list({"kg", 0.5f})})));
-  const KQValue rows = world().getObjectAttributeValues("cup1", "stock", 1);
-  ASSERT_EQ(1, rows.getSize());
-  const KQValue& row = rows[0];
-  ASSERT_EQ(6, row.getSize());
-  EXPECT_EQ(KQValue("cup1"), row[0]);
-  EXPECT_TRUE(row[1].isInt() && row[2].isInt());
-  EXPECT_EQ(KQValue(3), row[3]);
-  EXPECT_EQ(KQValue(0.5f), row[4]);
-  EXPECT_FALSE(row[5].isValid());
-
-  // Case: a "Display" row with one colour leaves the other columns NULL.
-  ASSERT_EQ(0, world().storeObjectAttribute("cup1", "Display", list({list({"colorR", 1.0f})})));
-  EXPECT_EQ(list({list({1.0f, KQValue(), KQValue()})}), world().select("1", "Cups", "Display", "colorR, colorG, model"));
-
-  // Case: a value of the wrong kind for its column is stored and read back
-  // without harm.
-  EXPECT_EQ(0, world().storeObjectAttribute("cup1", "stock", list({list({"count", "three"})})));
-  EXPECT_EQ(2, world().getObjectAttributeValues("cup1", "stock", 5).getSize());
-  EXPECT_TRUE(worldLog().empty());
-}
 
 TEST_F(AttributeOperationsTest, StoreRefusalsAreSilent) {
   // Case: a malformed value, an unknown object, an attribute the category
