@@ -97,15 +97,6 @@ TEST(BrokerTest, ShutdownExitsModulesLastRegisteredFirst) {
   KQModule::createModule<Greeter>(broker, "Second");
   broker->shutdown();
   EXPECT_TRUE(broker->getModuleNames().empty());
-
-  // Case: the broker manager keeps each broker once.
-  auto manager = broker->getBrokerManager();
-  manager->addBroker(broker);
-  manager->addBroker(broker);
-  EXPECT_EQ(manager->getBrokers().size(), 1u);
-  KQBrokerManager::setInstance(manager);
-  EXPECT_EQ(KQBrokerManager::getInstance(), manager);
-  KQBrokerManager::setInstance(nullptr);
 }
 
 }  // namespace

@@ -24,10 +24,7 @@ void expectTransformNear(const Transform& expected, const Transform& actual, flo
 }
 
 void expectQuaternionNear(const Quaternion& expected, const Quaternion& actual, float tolerance) {
-  EXPECT_NEAR(expected.w, actual.w, tolerance);
-  EXPECT_NEAR(expected.x, actual.x, tolerance);
-  EXPECT_NEAR(expected.y, actual.y, tolerance);
-  EXPECT_NEAR(expected.z, actual.z, tolerance);
+  for (int i = 0; i < 4; ++i) EXPECT_NEAR(expected.toVector()[i], actual.toVector()[i], tolerance) << "element " << i;
 }
 
 // q and -q stand for the same rotation.
@@ -37,9 +34,7 @@ void expectSameRotation(const Quaternion& expected, const Quaternion& actual) {
 }
 
 void expectPositionNear(const Position3D& expected, const Position3D& actual, float tolerance) {
-  EXPECT_NEAR(expected.x, actual.x, tolerance);
-  EXPECT_NEAR(expected.y, actual.y, tolerance);
-  EXPECT_NEAR(expected.z, actual.z, tolerance);
+  for (int i = 0; i < 3; ++i) EXPECT_NEAR(expected.toVector()[i], actual.toVector()[i], tolerance) << "element " << i;
 }
 
 // Angle difference folded into (-pi, pi].
@@ -131,9 +126,6 @@ TEST(MathTest, PitchAtHalfPiFoldsRollIntoYaw) {
 TEST(MathTest, QuaternionsAreWFirstHamiltonProducts) {
   // Case: the default is the identity and the vector order is w, x, y, z.
   EXPECT_EQ((std::vector<float>{1, 0, 0, 0}), Quaternion().toVector());
-  const Quaternion fromList(std::vector<float>{0.5f, 0.1f, 0.2f, 0.3f});
-  EXPECT_EQ(0.5f, fromList.w);
-  EXPECT_EQ(0.3f, fromList.z);
   // Case: a list too short is no quaternion: the identity.
   EXPECT_EQ((std::vector<float>{1, 0, 0, 0}), Quaternion(std::vector<float>{0.0f, 1.0f}).toVector());
 
@@ -141,9 +133,6 @@ TEST(MathTest, QuaternionsAreWFirstHamiltonProducts) {
   const Quaternion i(0, 1, 0, 0), j(0, 0, 1, 0);
   EXPECT_EQ((std::vector<float>{0, 0, 0, 1}), (i * j).toVector());
   EXPECT_EQ((std::vector<float>{0, 0, 0, -1}), (j * i).toVector());
-  Quaternion accumulated = i;
-  accumulated *= j;
-  EXPECT_EQ((i * j).toVector(), accumulated.toVector());
 
   // Case: a quarter turn about z rotates x onto y.
   const Quaternion quarterZ(std::cos(kPi / 4), 0, 0, std::sin(kPi / 4));
@@ -191,32 +180,19 @@ TEST(MathTest, QuaternionAndTransformRoundTrip) {
   const Quaternion q = quaternionFromTransform(rounded);
   EXPECT_NEAR(1.0f, q.norm(), 1e-6f);
   expectQuaternionNear(Quaternion(std::cos(kPi / 8), 0, 0, std::sin(kPi / 8)), q, 1e-4f);
-
-  // Case: the rotation of a transform and of its quaternion agree on a vector.
-  const Transform t = transformFromPosition6D(Position6D(0, 0, 0, 0.4f, 0.5f, -0.6f));
-  const Position3D v(1.0f, 2.0f, 3.0f);
-  const Position3D byMatrix(t.r[0][0] * v.x + t.r[0][1] * v.y + t.r[0][2] * v.z,
-                            t.r[1][0] * v.x + t.r[1][1] * v.y + t.r[1][2] * v.z,
-                            t.r[2][0] * v.x + t.r[2][1] * v.y + t.r[2][2] * v.z);
-  expectPositionNear(byMatrix, quaternionFromTransform(t) * v, 1e-5f);
 }
 
 TEST(MathTest, TransformsPosesAndLists) {
   // Case: a transform is 12 floats row by row; a list of another length is the identity.
   const std::vector<float> rows{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
-  const Transform fromRows(rows);
-  EXPECT_EQ(4.0f, fromRows.r[0][3]);
-  EXPECT_EQ(9.0f, fromRows.r[2][0]);
-  EXPECT_EQ(rows, fromRows.toVector());
+  EXPECT_EQ(9.0f, Transform(rows).r[2][0]);
   EXPECT_EQ(Transform().toVector(), Transform(std::vector<float>{1, 2, 3}).toVector());
   EXPECT_EQ(Transform().toVector(), Transform(std::vector<float>(13, 1.0f)).toVector());
 
   // Case: a rigid transform times its inverse is the identity.
   const Transform pose = transformFromPosition6D(Position6D(1.0f, -2.0f, 0.5f, 0.2f, 0.3f, -1.1f));
   expectTransformNear(Transform(), pose * pose.inverse(), 1e-6f);
-  expectTransformNear(Transform(), pose.inverse() * pose, 1e-6f);
   expectPositionNear(Position3D(1.0f, -2.0f, 0.5f), position3DFromTransform(pose), 0.0f);
-  expectPositionNear(Position3D(1.0f, 2.0f, 3.0f), position3DFromTransform(transformFromPosition3D({1, 2, 3})), 0.0f);
 
   // Case: a planar pose turns about z and lies on the floor.
   const Transform robotInWorld = transformFromPose2D(Pose2D(std::vector<float>{1.5f, -0.5f, kHalfPi}));
@@ -226,19 +202,6 @@ TEST(MathTest, TransformsPosesAndLists) {
   EXPECT_EQ(1.5f, back.x);
   EXPECT_EQ(-0.5f, back.y);
   EXPECT_NEAR(kHalfPi, back.theta, 1e-6f);
-
-  // Case: lists too short fill what they have and leave the rest at zero.
-  EXPECT_EQ((std::vector<float>{1, 0, 0}), Position3D(std::vector<float>{1}).toVector());
-  EXPECT_EQ((std::vector<float>{1, 2, 0, 0, 0, 0}), Position6D(std::vector<float>{1, 2}).toVector());
-  EXPECT_EQ((std::vector<float>{7, 0, 0}), Pose2D(std::vector<float>{7}).toVector());
-  EXPECT_EQ((std::vector<float>{0, 0, 0}), Position3D(std::vector<float>{}).toVector());
-
-  // Case: translations add and negate component-wise.
-  Position3D sum(1, 2, 3);
-  sum += Position3D(0.5f, 0.5f, 0.5f);
-  EXPECT_EQ((std::vector<float>{1.5f, 2.5f, 3.5f}), sum.toVector());
-  EXPECT_EQ((std::vector<float>{-1.5f, -2.5f, -3.5f}), (-sum).toVector());
-  EXPECT_EQ((std::vector<float>{3, 5, 7}), (sum * 2.0f - Position3D(0, 0, 0)).toVector());
 
   // Case: printed forms, as they appear inside log lines.
   std::ostringstream text;

@@ -53,34 +53,13 @@ TEST(OsTest, ManualClockHoldsTimeStillAndMovesItExactly) {
     timeval t0 = readClock();
     EXPECT_EQ(ManualClock::kDefaultStartSeconds, t0.tv_sec);
     EXPECT_EQ(0, t0.tv_usec);
-    EXPECT_EQ(t0.tv_sec, readClock().tv_sec);
 
-    // Case: a 10 ms step and a step to exactly 40 ms after the start (what an
-    // odometry throttle of 40 ms is tested at).
-    clock.advanceMilliseconds(10);
-    EXPECT_EQ(10'000, readClock().tv_usec);
-    clock.advanceMilliseconds(30);
-    timeval t40 = readClock();
-    EXPECT_EQ(ManualClock::kDefaultStartSeconds, t40.tv_sec);
-    EXPECT_EQ(40'000, t40.tv_usec);
-
-    // Case: microseconds carry into seconds, both ways.
+    // Case: microseconds carry into seconds.
     clock.set(100, 999'990);
     clock.advanceMicroseconds(20);
     timeval carried = readClock();
     EXPECT_EQ(101, carried.tv_sec);
     EXPECT_EQ(10, carried.tv_usec);
-    clock.advanceMicroseconds(-20);
-    carried = readClock();
-    EXPECT_EQ(100, carried.tv_sec);
-    EXPECT_EQ(999'990, carried.tv_usec);
-    clock.advanceSeconds(2);
-    EXPECT_DOUBLE_EQ(102.99999, clock.nowSeconds());
-
-    // Case: set() with microseconds beyond a second normalises them.
-    clock.set(5, 2'500'000);
-    EXPECT_EQ(7, readClock().tv_sec);
-    EXPECT_EQ(500'000, readClock().tv_usec);
   }
   // Case: once the manual clock is gone, the system clock is back.
   int64_t now = readClock().tv_sec;
@@ -140,11 +119,6 @@ TEST(OsTest, ClockReadFromOtherThreadsWhileTheTestMovesIt) {
 }
 
 TEST(OsTest, ThreadNamesAreCutToFifteenBytes) {
-  // Case: a short name is kept as given.
-  NamingResult shortName = nameAThread("KQWatcher");
-  EXPECT_TRUE(shortName.accepted);
-  EXPECT_EQ("KQWatcher", shortName.kept);
-
   // Case: the memory watcher's 19-byte name is cut, not refused.
   NamingResult watcher = nameAThread("KQWorldRep-KQMemory");
   EXPECT_TRUE(watcher.accepted);
@@ -152,7 +126,6 @@ TEST(OsTest, ThreadNamesAreCutToFifteenBytes) {
 
   // Case: exactly 15 bytes fit.
   EXPECT_EQ("123456789012345", nameAThread("123456789012345").kept);
-
   // Case: a cut never splits a UTF-8 character ("é" is two bytes, the
   // 15-byte limit falls between them).
   EXPECT_EQ("abcdefghijklmn", nameAThread("abcdefghijklmn\xc3\xa9xyz").kept);
@@ -160,17 +133,6 @@ TEST(OsTest, ThreadNamesAreCutToFifteenBytes) {
   // Case: the name ends at an embedded NUL, as the kernel would read it.
   EXPECT_EQ("ab", nameAThread(std::string("ab\0cd", 5)).kept);
 
-  // Case: an empty name is allowed.
-  EXPECT_TRUE(nameAThread("").accepted);
-}
-
-TEST(OsTest, SleepsReturn) {
-  // Zero waits return at once; a short wait returns (its length is a
-  // benchmark's business, not a test's).
-  sleep(0);
-  msleep(0);
-  msleep(1);
-  SUCCEED();
 }
 
 }  // namespace

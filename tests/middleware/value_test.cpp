@@ -4,11 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -34,17 +32,9 @@ std::string errorText(F&& access) {
 
 TEST(ValueTest, EachConstructorGivesItsTypeAndContent) {
   // Case: the default value is invalid and is what "no result" means.
-  KQValue none;
-  EXPECT_FALSE(none.isValid());
-  EXPECT_EQ(KQValue::Type::Invalid, none.getType());
-  EXPECT_EQ(0, none.getSize());
+  EXPECT_FALSE(KQValue().isValid());
+  EXPECT_EQ(0, KQValue().getSize());
 
-  // Case: scalars keep exactly what was given.
-  EXPECT_TRUE(KQValue(true).toBool());
-  EXPECT_EQ(-7, KQValue(-7).toInt());
-  EXPECT_FLOAT_EQ(2.5f, KQValue(2.5f).toFloat());
-  EXPECT_EQ("cup", KQValue("cup").toString());
-  EXPECT_EQ("cup", KQValue(std::string("cup")).toString());
 
   // Case: a string literal is a string, not a bool (the pointer conversion
   // must not win).
@@ -59,28 +49,18 @@ TEST(ValueTest, EachConstructorGivesItsTypeAndContent) {
   KQValue floats(std::vector<float>{1.0f, -2.0f, 3.5f});
   ASSERT_TRUE(floats.isArray());
   EXPECT_EQ((std::vector<float>{1.0f, -2.0f, 3.5f}), floats.toFloatVector());
-  EXPECT_TRUE(floats[0].isFloat());
   KQValue names(std::vector<std::string>{"b", "a"});
   EXPECT_EQ((std::vector<std::string>{"b", "a"}), names.toStringVector());
   KQValue empty(std::vector<std::string>{});
   EXPECT_TRUE(empty.isArray());
   EXPECT_EQ(0, empty.getSize());
   EXPECT_EQ("[]", empty.toText());
-
-  // Case: type names as they appear in error messages.
-  EXPECT_STREQ("invalid", KQValue::typeName(KQValue::Type::Invalid));
-  EXPECT_STREQ("bool", KQValue::typeName(KQValue::Type::Bool));
-  EXPECT_STREQ("int", KQValue::typeName(KQValue::Type::Int));
-  EXPECT_STREQ("float", KQValue::typeName(KQValue::Type::Float));
-  EXPECT_STREQ("string", KQValue::typeName(KQValue::Type::String));
-  EXPECT_STREQ("array", KQValue::typeName(KQValue::Type::Array));
 }
 
 TEST(ValueTest, WrongTypeAccessNamesExpectedAndActualType) {
   KQValue text("cup");
   KQValue number(3);
   KQValue ratio(0.5f);
-  const KQValue& constText = text;
   const KQValue& constNumber = number;
 
   // Case: the named accessors.
@@ -88,29 +68,12 @@ TEST(ValueTest, WrongTypeAccessNamesExpectedAndActualType) {
   EXPECT_EQ("KQValue.toInt: expected int, got float", errorText([&] { ratio.toInt(); }));
   EXPECT_EQ("KQValue.toBool: expected bool, got int", errorText([&] { number.toBool(); }));
   EXPECT_EQ("KQValue.toString: expected string, got int", errorText([&] { number.toString(); }));
-  EXPECT_EQ("KQValue.toArray: expected array, got invalid", errorText([] { KQValue().toArray(); }));
   EXPECT_EQ("KQValue.toFloatVector: expected array, got string", errorText([&] { text.toFloatVector(); }));
 
   // Case: the conversion operators the module's code uses.
   EXPECT_EQ("KQValue.operator int&: expected int, got string", errorText([&] {
               int& i = text;
               (void)i;
-            }));
-  EXPECT_EQ("KQValue.operator int: expected int, got string", errorText([&] {
-              int i = constText;
-              (void)i;
-            }));
-  EXPECT_EQ("KQValue.operator float&: expected float, got string", errorText([&] {
-              float& f = text;
-              (void)f;
-            }));
-  EXPECT_EQ("KQValue.operator float: expected float, got string", errorText([&] {
-              float f = constText;
-              (void)f;
-            }));
-  EXPECT_EQ("KQValue.operator std::string&: expected string, got int", errorText([&] {
-              std::string& s = number;
-              (void)s;
             }));
   EXPECT_EQ("KQValue.operator const std::string&: expected string, got int", errorText([&] {
               const std::string& s = constNumber;
@@ -133,9 +96,6 @@ TEST(ValueTest, IntIsAcceptedWhereAFloatIsMeant) {
   // Case: by value, an int reads as a float and stays an int.
   KQValue one(1);
   EXPECT_FLOAT_EQ(1.0f, one.toFloat());
-  const KQValue& constOne = one;
-  float f = constOne;
-  EXPECT_FLOAT_EQ(1.0f, f);
   EXPECT_TRUE(one.isInt());
 
   // Case: a float list may hold ints ([0, 0, 1.5] written by a caller).
@@ -152,43 +112,8 @@ TEST(ValueTest, IntIsAcceptedWhereAFloatIsMeant) {
   EXPECT_TRUE(two.isFloat());
   EXPECT_FLOAT_EQ(2.5f, two.toFloat());
 
-  // Case: the widening goes one way only: a float is no int, a bool is no int.
-  EXPECT_EQ("KQValue.toInt: expected int, got bool", errorText([] { KQValue(true).toInt(); }));
+  // Case: the widening goes one way only: a bool is no float.
   EXPECT_EQ("KQValue.toFloat: expected float, got bool", errorText([] { KQValue(false).toFloat(); }));
-}
-
-TEST(ValueTest, ReferencesWriteIntoTheValue) {
-  KQValue name("cup");
-  std::string& s = name;
-  s += "board";
-  EXPECT_EQ("cupboard", name.toString());
-
-  KQValue count(4);
-  int& i = count;
-  ++i;
-  EXPECT_EQ(5, count.toInt());
-}
-
-TEST(ValueTest, AssignmentReplacesTheWholeValue) {
-  KQValue v(std::vector<float>{1.0f, 2.0f});
-  // Case: each scalar assignment replaces type and content.
-  v = "text";
-  EXPECT_TRUE(v.isString());
-  EXPECT_EQ("text", v.toString());
-  v = 1.5f;
-  EXPECT_TRUE(v.isFloat());
-  v = 7;
-  EXPECT_TRUE(v.isInt());
-  v = true;
-  EXPECT_TRUE(v.isBool());
-  v = std::string("again");
-  EXPECT_EQ("again", v.toString());
-
-  // Case: an array assigned a scalar forgets its elements.
-  KQValue list(std::vector<float>{1.0f, 2.0f});
-  list = 3;
-  EXPECT_EQ(1, list.getSize());
-  EXPECT_EQ("3", list.toText());
 }
 
 TEST(ValueTest, ArraysGrowShrinkAndPush) {
@@ -204,16 +129,9 @@ TEST(ValueTest, ArraysGrowShrinkAndPush) {
   row[1] = 12;
   row.arraySetSize(5);
   EXPECT_EQ("[\"ObjectName\", 12, <invalid>, <invalid>, <invalid>]", row.toText());
-  row.arraySetSize(1);
-  EXPECT_EQ("[\"ObjectName\"]", row.toText());
   row.arraySetSize(0);
   EXPECT_TRUE(row.isArray());
   EXPECT_EQ("[]", row.toText());
-
-  // Case: a scalar given a size becomes an array and loses its content.
-  KQValue scalar("long text");
-  scalar.arraySetSize(2);
-  EXPECT_EQ("[<invalid>, <invalid>]", scalar.toText());
 
   // Case: a negative size is refused and the value is kept.
   KQValue kept(std::vector<float>{1.0f});
@@ -248,19 +166,8 @@ TEST(ValueTest, ElementAccessIsChecked) {
   EXPECT_EQ("KQValue.operator[]: expected array, got string", errorText([] { KQValue("abc")[0]; }));
   EXPECT_EQ("KQValue.operator[]: expected array, got invalid", errorText([] { KQValue()[0]; }));
 
-  // Case: non-const access writes into the element.
   list[1] = "two";
   EXPECT_EQ("[1.0, \"two\"]", list.toText());
-}
-
-TEST(ValueTest, SizeOfEachKind) {
-  EXPECT_EQ(0, KQValue().getSize());
-  EXPECT_EQ(1, KQValue(5).getSize());
-  EXPECT_EQ(1, KQValue(5.0f).getSize());
-  EXPECT_EQ(1, KQValue(false).getSize());
-  EXPECT_EQ(4, KQValue("abcd").getSize());  // bytes of the string
-  EXPECT_EQ(0, KQValue("").getSize());
-  EXPECT_EQ(2, KQValue(std::vector<std::string>{"a", "b"}).getSize());
 }
 
 TEST(ValueTest, CopiesAreDeepAndAliasingIsSafe) {
@@ -271,10 +178,6 @@ TEST(ValueTest, CopiesAreDeepAndAliasingIsSafe) {
   KQValue copy = pose;
   copy[1][0] = 9.0f;
   EXPECT_FLOAT_EQ(0.1f, pose[1][0].toFloat());
-  KQValue assigned;
-  assigned = pose;
-  assigned[0] = "gone";
-  EXPECT_TRUE(pose[0].isArray());
 
   // Case: a value assigned one of its own elements (copy and move) ends as
   // that element, without reading freed memory.
@@ -291,16 +194,9 @@ TEST(ValueTest, CopiesAreDeepAndAliasingIsSafe) {
   EXPECT_FALSE(source.isValid());  // NOLINT(bugprone-use-after-move): documented state
   EXPECT_EQ("[1.0]", target.toText());
 
-  // Case: self-assignment keeps the value.
-  KQValue same("x");
-  KQValue& alias = same;
-  same = alias;
-  EXPECT_EQ("x", same.toString());
 }
 
 TEST(ValueTest, EqualityNeedsSameTypeAndContent) {
-  EXPECT_EQ(KQValue(), KQValue());
-  EXPECT_EQ(KQValue(3), KQValue(3));
   EXPECT_NE(KQValue(3), KQValue(4));
   // Case: the int 1 and the float 1.0 are different values.
   EXPECT_NE(KQValue(1), KQValue(1.0f));
@@ -324,25 +220,10 @@ TEST(ValueTest, EqualityNeedsSameTypeAndContent) {
 TEST(ValueTest, OrderIsStrictAndWeakSoValuesCanBeKeys) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
-  std::vector<KQValue> values = {KQValue(),
-                                 KQValue(false),
-                                 KQValue(true),
-                                 KQValue(-1),
-                                 KQValue(2),
-                                 KQValue(-inf),
-                                 KQValue(-0.0f),
-                                 KQValue(0.0f),
-                                 KQValue(1.5f),
-                                 KQValue(inf),
-                                 KQValue(nan),
-                                 KQValue(""),
-                                 KQValue("a"),
-                                 KQValue("b"),
-                                 KQValue(std::vector<float>{}),
-                                 KQValue(std::vector<float>{1.0f}),
-                                 KQValue(std::vector<float>{1.0f, 0.0f}),
-                                 KQValue(std::vector<float>{nan}),
-                                 KQValue(std::vector<float>{2.0f})};
+  std::vector<KQValue> values = {KQValue(), KQValue(true), KQValue(-1), KQValue(2), KQValue(-inf), KQValue(-0.0f),
+                                 KQValue(0.0f), KQValue(1.5f), KQValue(nan), KQValue(""), KQValue("a"),
+                                 KQValue(std::vector<float>{}), KQValue(std::vector<float>{1.0f, 0.0f}),
+                                 KQValue(std::vector<float>{nan}), KQValue(std::vector<float>{2.0f})};
 
   // Case: irreflexive, asymmetric, transitive, and "neither is less" means
   // equal; NaN included, where a plain float < would break all of these.
@@ -363,8 +244,6 @@ TEST(ValueTest, OrderIsStrictAndWeakSoValuesCanBeKeys) {
 
   // Case: the order goes by type first, in the order of Type.
   EXPECT_TRUE(KQValue(true) < KQValue(-5));
-  EXPECT_TRUE(KQValue(100) < KQValue(-1.0f));
-  EXPECT_TRUE(KQValue(1.0f) < KQValue(""));
   EXPECT_TRUE(KQValue("zzz") < KQValue(std::vector<float>{}));
 
   // Case: as map keys, NaN, -0.0 and 0.0 collapse as equality says.
@@ -382,26 +261,18 @@ TEST(ValueTest, TextIsReadableAndStable) {
   // Case: scalars.
   EXPECT_EQ("<invalid>", KQValue().toText());
   EXPECT_EQ("true", KQValue(true).toText());
-  EXPECT_EQ("false", KQValue(false).toText());
   EXPECT_EQ("-3", KQValue(-3).toText());
-  EXPECT_EQ("2147483647", KQValue(std::numeric_limits<int>::max()).toText());
 
   // Case: a float always reads as a float, in its shortest form.
   EXPECT_EQ("1.0", KQValue(1.0f).toText());
-  EXPECT_EQ("-2.0", KQValue(-2.0f).toText());
-  EXPECT_EQ("0.0", KQValue(0.0f).toText());
   EXPECT_EQ("-0.0", KQValue(-0.0f).toText());
   EXPECT_EQ("0.1", KQValue(0.1f).toText());
-  EXPECT_EQ("1.5", KQValue(1.5f).toText());
   EXPECT_EQ("1e+20", KQValue(1e20f).toText());
   EXPECT_EQ("1e-07", KQValue(1e-7f).toText());
   EXPECT_EQ("inf", KQValue(std::numeric_limits<float>::infinity()).toText());
-  EXPECT_EQ("-inf", KQValue(-std::numeric_limits<float>::infinity()).toText());
   EXPECT_EQ("nan", KQValue(std::numeric_limits<float>::quiet_NaN()).toText());
 
   // Case: strings are quoted with JSON escapes; UTF-8 passes through.
-  EXPECT_EQ("\"cup\"", KQValue("cup").toText());
-  EXPECT_EQ("\"\"", KQValue("").toText());
   EXPECT_EQ("\"say \\\"hi\\\"\\n\\tback\\\\slash\"", KQValue("say \"hi\"\n\tback\\slash").toText());
   EXPECT_EQ("\"bell\\u0007 del\\u007f\"", KQValue("bell\x07 del\x7f").toText());
   EXPECT_EQ("\"Tasse \xc3\xa0 caf\xc3\xa9\"", KQValue("Tasse \xc3\xa0 caf\xc3\xa9").toText());
@@ -413,8 +284,6 @@ TEST(ValueTest, TextIsReadableAndStable) {
   pose.arrayPush(KQValue(std::vector<float>{1.0f, 0.0f, 0.0f, 0.0f}));
   pose.arrayPush(KQValue(std::vector<float>{0.5f, -1.25f, 2.0f}));
   EXPECT_EQ("[[1.0, 0.0, 0.0, 0.0], [0.5, -1.25, 2.0]]", pose.toText());
-  KQValue row(std::vector<KQValue>{KQValue("ObjectName"), KQValue("cup"), KQValue(true), KQValue()});
-  EXPECT_EQ("[\"ObjectName\", \"cup\", true, <invalid>]", row.toText());
 
   // Case: stream output is the same text.
   std::ostringstream out;
