@@ -1,7 +1,6 @@
 // Start-up and shutdown: the built-in categories, the fixed top of the frame
 // tree, one live node per joint, the events; exit saves.
 #include <boost/make_shared.hpp>
-#include <boost/thread/locks.hpp>
 #include <exception>
 
 #include "middleware/memory_proxy.h"
@@ -25,10 +24,10 @@ void KQWorldRepresentation::init() {
   {
     // The module is already reachable through the broker, so the top of the
     // tree is built under the object and graph locks.
-    boost::unique_lock<boost::shared_mutex> objectLock(objectLock_);
-    boost::unique_lock<boost::shared_mutex> graphLock(graphLock_);
-    boost::shared_lock<boost::shared_mutex> categoryLock(categoryLock_);
-    auto categoryOf = [this](const std::string& name) {
+    WriterLock objectLock(objectLock_);
+    WriterLock graphLock(graphLock_);
+    ReaderLock categoryLock(categoryLock_);
+    auto categoryOf = [this](const std::string& name) REQUIRES_SHARED(categoryLock_) {
       auto found = categories_.find(name);
       return found == categories_.end() ? boost::shared_ptr<ObjectCategory>() : found->second;
     };
@@ -65,12 +64,12 @@ void KQWorldRepresentation::init() {
 void KQWorldRepresentation::addJoint(const std::string& name) {
   ko::os::timeval now;
   ko::os::gettimeofday(&now);
-  boost::unique_lock<boost::shared_mutex> objectLock(objectLock_);
-  boost::unique_lock<boost::shared_mutex> graphLock(graphLock_);
+  WriterLock objectLock(objectLock_);
+  WriterLock graphLock(graphLock_);
   // The joint's first row is a database write, so the category lock is held
   // too (before the joint lock, which comes last here as in clearObject).
-  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_);
-  boost::unique_lock<boost::shared_mutex> jointLock(jointLock_);
+  WriterLock categoryLock(categoryLock_);
+  WriterLock jointLock(jointLock_);
   try {
     auto joint = std::make_shared<KQMotionDisplacement>(motionProxy_, name, 0);
     // Reads the motion module once; an unknown body part is swallowed by the

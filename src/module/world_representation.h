@@ -31,14 +31,16 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/shared_mutex.hpp>
 
 #include "middleware/module.h"
 #include "middleware/os.h"
+#include "middleware/shared_mutex.h"
+#include "middleware/thread_annotations.h"
 #include "middleware/value.h"
 #include "spatial/scene_graph.h"
 #include "storage/database_manager.h"
 #include "storage/object_category.h"
+#include "objects/object_resolver.h"
 
 namespace KQ {
 
@@ -122,100 +124,103 @@ class KQWorldRepresentation : public KQModule {
   void startMemoryCheck(const int& period);
   void stopMemoryCheck();
 
-  // Shape checks (src/storage/shape_checks.cpp); log nothing.
-  bool xCheckFieldsFormat(const KQValue& fields) const;
-  bool xCheckAttributeFieldsFormat(const KQValue& values) const;
-  bool xCheckAttributesFormat(const KQValue& attributes) const;
-
   const std::string& getDataDirectory() const { return dataDirectory_; }
 
  private:
-  // --- category databases (src/storage/category_databases.cpp); category lock X held.
-  int xCreateDatabaseFromCategory(const std::string& category, bool reset);
-  int xCreateTableFromAttribute(const std::string& category, const std::string& attribute);
-  void xAddSpecialFields(KQValue& row, const std::string& objectName, const ko::os::timeval& time) const;
-  void xAddPositionsToCategory(const std::string& category);
-  void xAddDisplayToCategory(const std::string& category);
-  int xFindDatabases(std::vector<std::string>& paths, std::vector<std::string>& names);
-  // Reopens every ".sqlite" file of the data directory; all four locks held.
-  int xLoadDatabases();
+  // Every private member named x... assumes the locks its attributes name;
+  // the compiler checks each caller (scripts/threads.sh).
 
-  // --- category operations; category lock X held.
-  int xAddAttributeToCategory(const std::string& category, const std::string& attribute, const KQValue& fields);
-  // object lock and graph lock held (shared or exclusive).
-  std::string xGetObjectCategory(const std::string& objectName) const;
-  // graph lock held.
-  std::vector<std::string> xGetObjectsInCategory(const std::string& category) const;
+  // --- category databases (src/storage/category_databases.cpp).
+  int xCreateDatabaseFromCategory(const std::string& category, bool reset) REQUIRES(categoryLock_);
+  int xCreateTableFromAttribute(const std::string& category, const std::string& attribute) REQUIRES(categoryLock_);
+  void xAddPositionsToCategory(const std::string& category) REQUIRES(categoryLock_);
+  void xAddDisplayToCategory(const std::string& category) REQUIRES(categoryLock_);
+  // Reopens every ".sqlite" file of the data directory.
+  int xLoadDatabases() REQUIRES(objectLock_, graphLock_, categoryLock_, jointLock_);
 
-  // --- attributes; object and graph locks held, category lock X held.
+  // --- category operations.
+  int xAddAttributeToCategory(const std::string& category, const std::string& attribute, const KQValue& fields)
+      REQUIRES(categoryLock_);
+  std::string xGetObjectCategory(const std::string& objectName) const REQUIRES_SHARED(objectLock_, graphLock_);
+  std::vector<std::string> xGetObjectsInCategory(const std::string& category) const REQUIRES_SHARED(graphLock_);
+  // The object, its category and its database, or the reason there are none
+  // (src/objects/object_resolver.h).
+  ResolvedObject xResolveObject(const std::string& objectName)
+      REQUIRES_SHARED(objectLock_, graphLock_, categoryLock_);
+
+  // --- attributes.
   int xStoreAttribute(KQDatabaseManager& db, const ko::os::timeval& time, const std::string& objectName,
-                      const std::string& attribute, const KQValue& values);
+                      const std::string& attribute, const KQValue& values) REQUIRES(categoryLock_);
   int xUpdateAttribute(KQDatabaseManager& db, const ko::os::timeval& time, const std::string& objectName,
-                       const std::string& attribute, const std::string& condition, const KQValue& values);
-  int xDeleteAttribute(const std::string& objectName, const std::string& attribute, const std::string& condition);
-  void xClearAllAttributes(int nodeId);
+                       const std::string& attribute, const std::string& condition, const KQValue& values)
+      REQUIRES(categoryLock_);
+  int xDeleteAttribute(const std::string& objectName, const std::string& attribute, const std::string& condition)
+      REQUIRES_SHARED(objectLock_, graphLock_) REQUIRES(categoryLock_);
+  void xClearAllAttributes(int nodeId) REQUIRES_SHARED(objectLock_, graphLock_) REQUIRES(categoryLock_);
 
-  // --- registry; object lock and graph lock held.
-  std::vector<std::string> xGetObjectNames() const;
-  std::vector<std::string> xGetChildren(const std::string& name) const;
-  std::vector<std::string> xGetDescendantsNames(int id) const;
-  std::string xGetObjectParentName(const std::string& name) const;
-  // Node id of an object, -1 when unknown; object lock held.
-  int xFindNodeId(const std::string& name) const;
-  // storeObject's body after its format checks; object lock X held by the caller.
+  // --- registry.
+  std::vector<std::string> xGetObjectNames() const REQUIRES_SHARED(graphLock_);
+  std::vector<std::string> xGetChildren(const std::string& name) const REQUIRES_SHARED(objectLock_, graphLock_);
+  std::vector<std::string> xGetDescendantsNames(int id) const REQUIRES_SHARED(graphLock_);
+  std::string xGetObjectParentName(const std::string& name) const REQUIRES_SHARED(objectLock_, graphLock_);
+  // Node id of an object, -1 when unknown.
+  int xFindNodeId(const std::string& name) const REQUIRES_SHARED(objectLock_);
+  // storeObject's body after its format checks; takes the graph and category locks.
   int xStoreObject(const ko::os::timeval& time, const std::string& name, const std::string& parentName,
-                   const std::vector<float>& position, const std::string& category, const KQValue& attributes);
+                   const std::vector<float>& position, const std::string& category, const KQValue& attributes)
+      REQUIRES(objectLock_) EXCLUDES(graphLock_, categoryLock_);
 
   // --- positions.
-  // object lock held, graph lock X held.
+  // Exclusive graph lock: live robot edges refresh their cached transforms.
   void xGetPosition(const std::string& first, const std::string& second, std::vector<float>& quaternionOut,
-                    std::vector<float>& translationOut);
-  // object lock S held; takes joint S, graph X, category X itself.
-  int xUpdatePosition(const std::string& name, const std::vector<float>& position, bool save);
-  // category lock X held.
+                    std::vector<float>& translationOut) REQUIRES_SHARED(objectLock_) REQUIRES(graphLock_);
+  // Takes the joint lock (shared), then graph and category exclusively.
+  int xUpdatePosition(const std::string& name, const std::vector<float>& position, bool save)
+      REQUIRES_SHARED(objectLock_) EXCLUDES(jointLock_, graphLock_, categoryLock_);
   void xStorePosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
                       const std::vector<float>& quaternion, const std::vector<float>& translation,
-                      const ko::os::timeval& time);
+                      const ko::os::timeval& time) REQUIRES(categoryLock_);
 
   // Enters an empty database entry for each category a query of the past met
-  // without one; takes the category lock exclusively (hold no lock).
-  void xEnterEmptyDatabases(const std::set<std::string>& categories);
+  // without one; takes the category lock exclusively.
+  void xEnterEmptyDatabases(const std::set<std::string>& categories) EXCLUDES(categoryLock_);
   // Walks reference -> object with `visitor` under the object, graph and
-  // category locks held shared (takes them itself; hold no lock); false,
-  // logged from `function`, when either name is unknown.
+  // category locks held shared (takes them itself); false, logged from
+  // `function`, when either name is unknown.
   bool xVisitAtTime(const char* function, const std::string& reference, const std::string& object,
-                    InterPosVisitor& visitor);
+                    InterPosVisitor& visitor) EXCLUDES(objectLock_, graphLock_, categoryLock_);
 
-  // --- archive; all four locks held.
-  void xLoadGraph();
+  // --- archive.
+  void xLoadGraph() REQUIRES(objectLock_, graphLock_, jointLock_);
 
-  // --- events (src/persistence/events.cpp); no lock needed of its own.
-  void xAddObjectToDisplayEvent(const std::string& name);
-  void xRemoveObjectFromDisplayEvent(const std::string& name);
+  // --- events (src/persistence/events.cpp); take no lock and need none:
+  // they may run under any of the caller's.
+  void addObjectToDisplayEvent(const std::string& name);
+  void removeObjectFromDisplayEvent(const std::string& name);
 
-  // --- memory watcher (src/persistence/memory_watcher.cpp).
-  void xCheckMemory();
-  std::string xGetObjectNameFromMemoryKey(const std::string& key, const std::string& prefix) const;
+  // --- memory watcher (src/persistence/memory_watcher.cpp): one pass over
+  // the "Object/" keys through the public operations; holds no lock.
+  void checkMemory();
 
   // --- method table (src/module/world_representation.cpp).
-  void xRegisterMethods();
+  void registerMethods();
 
   // Member data, in the order of the design.
-  std::map<std::string, boost::shared_ptr<ObjectCategory>> categories_;
-  KQSceneGraph graph_;
+  std::map<std::string, boost::shared_ptr<ObjectCategory>> categories_ GUARDED_BY(categoryLock_);
+  KQSceneGraph graph_ GUARDED_BY(graphLock_);
   const std::string rootName_;
   const std::string robotName_;
   const std::string torsoName_;
   std::string dataDirectory_;
-  std::map<std::string, KQDatabaseManager> databases_;
-  mutable boost::shared_mutex objectLock_;
-  std::map<std::string, int> objects_;
-  mutable boost::shared_mutex graphLock_;
-  mutable boost::shared_mutex categoryLock_;
+  std::map<std::string, KQDatabaseManager> databases_ GUARDED_BY(categoryLock_);
+  mutable KQSharedMutex objectLock_;
+  std::map<std::string, int> objects_ GUARDED_BY(objectLock_);
+  mutable KQSharedMutex graphLock_;
+  mutable KQSharedMutex categoryLock_;
   std::shared_ptr<KQMotionProxy> motionProxy_;
   std::shared_ptr<KQMemoryProxy> memoryProxy_;
-  mutable boost::shared_mutex jointLock_;
-  std::set<std::string> joints_;
+  mutable KQSharedMutex jointLock_;
+  std::set<std::string> joints_ GUARDED_BY(jointLock_);
   int memoryCheckPeriod_;
   std::atomic<bool> running_;      // written by the watcher thread under runningMutex_
   std::atomic<bool> keepRunning_;  // written under stopMutex_, read by the watcher without it

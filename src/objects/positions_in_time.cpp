@@ -1,7 +1,6 @@
 // Positions in the past: the pose of one object in the frame of another a
 // number of seconds ago, composed along the tree path from the position
 // histories by InterPosVisitor.
-#include <boost/thread/locks.hpp>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,11 +14,10 @@ namespace KQ {
 
 namespace {
 
-using SharedLock = boost::shared_lock<boost::shared_mutex>;
 
 // The requested instant in whole seconds since the epoch, counted back from
 // the present second (32-bit like the "TimeS" column).
-int xRequestedSecond(const ko::os::timeval& now, int secondsAgo) {
+int requestedSecond(const ko::os::timeval& now, int secondsAgo) {
   return static_cast<int>(static_cast<int64_t>(now.tv_sec) - static_cast<int64_t>(secondsAgo));
 }
 
@@ -27,7 +25,7 @@ int xRequestedSecond(const ko::os::timeval& now, int secondsAgo) {
 
 void KQWorldRepresentation::xEnterEmptyDatabases(const std::set<std::string>& categories) {
   if (categories.empty()) return;
-  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_);
+  WriterLock categoryLock(categoryLock_);
   for (const std::string& category : categories) databases_.emplace(category, KQDatabaseManager());
 }
 
@@ -36,9 +34,9 @@ bool KQWorldRepresentation::xVisitAtTime(const char* function, const std::string
   {
     // All three shared: time queries run alongside each other and alongside
     // present-time reads, never alongside writers.
-    SharedLock objectLock(objectLock_);
-    SharedLock graphLock(graphLock_);
-    SharedLock categoryLock(categoryLock_);
+    ReaderLock objectLock(objectLock_);
+    ReaderLock graphLock(graphLock_);
+    ReaderLock categoryLock(categoryLock_);
     const int referenceId = xFindNodeId(reference);
     if (referenceId < 0) {
       KQWR_ERROR(function) << "Reference not found";
@@ -59,7 +57,7 @@ std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string&
                                                               const int& secondsAgo, const int& type) {
   ko::os::timeval now;
   ko::os::gettimeofday(&now);  // first thing, before any lock
-  InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
+  InterPosVisitor visitor(&databases_, requestedSecond(now, secondsAgo), type);
   if (!xVisitAtTime("getPosition6DAtTime", reference, object, visitor)) return std::vector<float>();
   return visitor.getPosition6D().toVector();
 }
@@ -68,7 +66,7 @@ KQValue KQWorldRepresentation::getPositionAtTime(const std::string& reference, c
                                                  const int& secondsAgo, const int& type) {
   ko::os::timeval now;
   ko::os::gettimeofday(&now);  // first thing, before any lock
-  InterPosVisitor visitor(&databases_, xRequestedSecond(now, secondsAgo), type);
+  InterPosVisitor visitor(&databases_, requestedSecond(now, secondsAgo), type);
   if (!xVisitAtTime("getPositionAtTime", reference, object, visitor)) return KQValue();
   KQValue pose;
   pose.arraySetSize(2);

@@ -205,31 +205,35 @@ void checkArchiveRecords(const std::string& nodesPath, const SavedNodes& nodes, 
 int KQWorldRepresentation::save() {
   // Never waits: a busy graph means another call is changing or reading
   // the tree, and the caller may try again.
-  boost::unique_lock<boost::shared_mutex> graphLock(graphLock_, boost::try_to_lock);
-  if (!graphLock.owns_lock()) return 1;
   {
+    TryWriterLock graphLock(graphLock_);
+    if (!graphLock.owns()) return 1;
+    graphLock_.assertHeld();
     SaveVisitor visitor(dataDirectory_);
     const int result = graph_.visitBFS(visitor, 0);
     if (result != 0) return result;  // the visitor removes its files; the old archive stays
     visitor.commit();
   }
-  graphLock.unlock();
-
-  boost::shared_lock<boost::shared_mutex> categoryLock(categoryLock_, boost::try_to_lock);
-  if (!categoryLock.owns_lock()) return 1;  // the archives are written already
+  TryReaderLock categoryLock(categoryLock_);
+  if (!categoryLock.owns()) return 1;  // the archives are written already
+  categoryLock_.assertReaderHeld();
   for (const auto& database : databases_) database.second.save();
   return 0;
 }
 
 int KQWorldRepresentation::load() {
-  boost::unique_lock<boost::shared_mutex> objectLock(objectLock_, boost::try_to_lock);
-  if (!objectLock.owns_lock()) return 1;
-  boost::unique_lock<boost::shared_mutex> graphLock(graphLock_, boost::try_to_lock);
-  if (!graphLock.owns_lock()) return 1;
-  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_, boost::try_to_lock);
-  if (!categoryLock.owns_lock()) return 1;
-  boost::unique_lock<boost::shared_mutex> jointLock(jointLock_, boost::try_to_lock);
-  if (!jointLock.owns_lock()) return 1;
+  TryWriterLock objectLock(objectLock_);
+  if (!objectLock.owns()) return 1;
+  TryWriterLock graphLock(graphLock_);
+  if (!graphLock.owns()) return 1;
+  TryWriterLock categoryLock(categoryLock_);
+  if (!categoryLock.owns()) return 1;
+  TryWriterLock jointLock(jointLock_);
+  if (!jointLock.owns()) return 1;
+  objectLock_.assertHeld();
+  graphLock_.assertHeld();
+  categoryLock_.assertHeld();
+  jointLock_.assertHeld();
 
   // Cleared first and left cleared when the archive cannot be read.
   graph_.clearGraph();

@@ -8,18 +8,18 @@
 // The object lookups (getObjectsInCategory, getObjectCategory) take the
 // object and graph locks shared instead.
 #include <boost/filesystem.hpp>
-#include <boost/thread/locks.hpp>
 
 #include "middleware/error.h"
 #include "module/module_log.h"
 #include "module/world_representation.h"
 #include "storage/attribute_description.h"
+#include "storage/shape_checks.h"
 #include "storage/world_object.h"
 
 namespace KQ {
 
 int KQWorldRepresentation::createObjectCategory(const std::string& category, const bool& reset) {
-  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_);
+  WriterLock categoryLock(categoryLock_);
   if (categories_.count(category) != 0) {
     KQWR_WARNING("createObjectCategory") << "Category " << category << " already exists!";
     return 1;
@@ -38,7 +38,7 @@ int KQWorldRepresentation::removeObjectCategory(const std::string& category) {
   // below still leaves them cleared.
   for (const std::string& name : getObjectsInCategory(category)) clearObject(name);
 
-  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_);
+  WriterLock categoryLock(categoryLock_);
   auto database = databases_.find(category);
   if (database == databases_.end()) {
     KQWR_WARNING("removeObjectCategory") << "Category database " << category << " not found.";
@@ -69,13 +69,13 @@ int KQWorldRepresentation::removeObjectCategory(const std::string& category) {
 bool KQWorldRepresentation::objectCategoryExists(const std::string& category) {
   // The database map decides: a file reopened at load without its
   // description counts as a category.
-  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_);
+  WriterLock categoryLock(categoryLock_);
   return databases_.count(category) != 0;
 }
 
 int KQWorldRepresentation::addAttributeToCategory(const std::string& category, const std::string& attribute,
                                                   const KQValue& fields) {
-  boost::unique_lock<boost::shared_mutex> categoryLock(categoryLock_);
+  WriterLock categoryLock(categoryLock_);
   return xAddAttributeToCategory(category, attribute, fields);
 }
 
@@ -86,7 +86,7 @@ int KQWorldRepresentation::xAddAttributeToCategory(const std::string& category, 
     KQWR_ERROR("xAddAttributeToCategory") << "Category " << category << " does not exist.";
     return 1;
   }
-  if (!xCheckFieldsFormat(fields)) {
+  if (!checkFieldsFormat(fields)) {
     KQWR_ERROR("xAddAttributeToCategory") << "Invalid attribute fields format.";
     return 1;
   }
@@ -105,7 +105,7 @@ int KQWorldRepresentation::xAddAttributeToCategory(const std::string& category, 
 }
 
 KQValue KQWorldRepresentation::getAttributesFromCategory(const std::string& category) {
-  boost::shared_lock<boost::shared_mutex> categoryLock(categoryLock_);
+  ReaderLock categoryLock(categoryLock_);
   auto found = categories_.find(category);
   if (found == categories_.end()) {
     throw KQError(getName(), "getAttributesFromCategory",
@@ -115,12 +115,11 @@ KQValue KQWorldRepresentation::getAttributesFromCategory(const std::string& cate
 }
 
 std::vector<std::string> KQWorldRepresentation::getObjectsInCategory(const std::string& category) {
-  boost::shared_lock<boost::shared_mutex> graphLock(graphLock_);
+  ReaderLock graphLock(graphLock_);
   return xGetObjectsInCategory(category);
 }
 
 std::vector<std::string> KQWorldRepresentation::xGetObjectsInCategory(const std::string& category) const {
-  // graph lock held.
   std::vector<std::string> names;
   std::vector<int> ids;
   if (graph_.getDescendants(ids, 0) != 0) return names;
@@ -133,13 +132,12 @@ std::vector<std::string> KQWorldRepresentation::xGetObjectsInCategory(const std:
 }
 
 std::string KQWorldRepresentation::getObjectCategory(const std::string& objectName) {
-  boost::shared_lock<boost::shared_mutex> objectLock(objectLock_);
-  boost::shared_lock<boost::shared_mutex> graphLock(graphLock_);
+  ReaderLock objectLock(objectLock_);
+  ReaderLock graphLock(graphLock_);
   return xGetObjectCategory(objectName);
 }
 
 std::string KQWorldRepresentation::xGetObjectCategory(const std::string& objectName) const {
-  // object lock and graph lock held.
   auto found = objects_.find(objectName);
   if (found == objects_.end()) {
     KQWR_WARNING("xGetObjectCategory") << "Object " << objectName << " not found, "
