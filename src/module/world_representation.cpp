@@ -37,10 +37,10 @@ KQWorldRepresentation::KQWorldRepresentation(std::shared_ptr<KQBroker> broker, c
       running_(false),
       keepRunning_(false),
       displayAttributeName_("Display") {
-  xRegisterMethods();
+  registerMethods();
 }
 
-void KQWorldRepresentation::xRegisterMethods() {
+void KQWorldRepresentation::registerMethods() {
   using W = KQWorldRepresentation;
   const std::string& cls = getName();
   functionName("addAttributeToCategory", cls, "Add an attribute to a category.", 0);

@@ -7,42 +7,13 @@
 #include "spatial/motion_displacement.h"
 #include "spatial/odometry_displacement.h"
 #include "spatial/pose_conversions.h"
+#include "objects/pose_interpolation.h"
+#include "storage/attribute_rows.h"
 #include "storage/database_manager.h"
 #include "storage/world_object.h"
 
 namespace KQ {
 
-namespace {
-
-// A numeric cell of a select result: "int" columns come back as ints,
-// "float" columns as floats; anything else (NULL, text) is no number.
-bool xNumber(const KQValue& cell, float& out) {
-  if (cell.isFloat()) {
-    out = cell.toFloat();
-    return true;
-  }
-  if (cell.isInt()) {
-    out = static_cast<float>(cell.toInt());
-    return true;
-  }
-  return false;
-}
-
-bool xSeconds(const KQValue& row, int& out) {
-  if (!row.isArray() || row.getSize() < 2) return false;
-  const KQValue& cell = row[1];
-  if (cell.isInt()) {
-    out = cell.toInt();
-    return true;
-  }
-  if (cell.isFloat()) {
-    out = static_cast<int>(cell.toFloat());
-    return true;
-  }
-  return false;
-}
-
-}  // namespace
 
 InterPosVisitor::InterPosVisitor(DatabaseMap* databases, int time, int type)
     : time_(time), type_(type), databases_(databases) {}
@@ -136,18 +107,6 @@ Math::Position6D InterPosVisitor::getPosition6D() const {
   return pose;
 }
 
-bool InterPosVisitor::xRetrieveDisplacement(const KQValue& row, Math::Quaternion& quaternion,
-                                            Math::Position3D& translation) {
-  if (!row.isArray() || row.getSize() < 11) return false;
-  float v[7];
-  for (int i = 0; i < 7; ++i) {
-    if (!xNumber(row[4 + i], v[i])) return false;
-  }
-  quaternion = Math::Quaternion(v[0], v[1], v[2], v[3]);
-  translation = Math::Position3D(v[4], v[5], v[6]);
-  return true;
-}
-
 int InterPosVisitor::xInterpolate(const std::string& name, const std::string& category,
                                   Math::Quaternion& quaternion, Math::Position3D& translation) {
   // A category without an open database is queried through an empty
@@ -159,40 +118,22 @@ int InterPosVisitor::xInterpolate(const std::string& name, const std::string& ca
   const KQDatabaseManager& db = found != databases_->end() ? found->second : kEmptyDatabase;
 
   const std::string timeText = std::to_string(time_);
-  const std::string objectCondition = "ObjectName='" + name + "' AND TimeS ";
+  const std::string condition = objectCondition(name) + " AND TimeS ";
   // Rows of the requested second match neither query ("<" and ">").
-  const KQValue earlier = db.selectWithOrder("positions", objectCondition + "<" + timeText, "TimeS DESC", "*", 1);
-  const KQValue later = db.selectWithOrder("positions", objectCondition + ">" + timeText, "TimeS ASC", "*", 1);
+  const KQValue earlier = db.selectWithOrder(kPositionsAttributeName, condition + "<" + timeText, "TimeS DESC", "*", 1);
+  const KQValue later = db.selectWithOrder(kPositionsAttributeName, condition + ">" + timeText, "TimeS ASC", "*", 1);
 
   if (!earlier.isArray() || earlier.getSize() == 0) return 1;
   if (!later.isArray() || later.getSize() == 0) return 2;
 
   // A row that cannot be read (a cell a caller stored as text, or NULL)
   // counts as absent: the edge keeps its present pose.
-  Math::Quaternion q1, q2;
-  Math::Position3D t1, t2;
-  int s1 = 0, s2 = 0;
-  if (!xSeconds(earlier[0], s1) || !xRetrieveDisplacement(earlier[0], q1, t1)) return 1;
-  if (!xSeconds(later[0], s2) || !xRetrieveDisplacement(later[0], q2, t2)) return 2;
-
-  if (type_ == 1) {
-    const float elapsed = static_cast<float>(time_ - s1);
-    const float span = static_cast<float>(s2 - s1);
-    translation.x = t1.x + (t2.x - t1.x) * elapsed / span;
-    translation.y = t1.y + (t2.y - t1.y) * elapsed / span;
-    translation.z = t1.z + (t2.z - t1.z) * elapsed / span;
+  StoredPose earlierPose;
+  StoredPose laterPose;
+  if (!readStoredPose(earlier[0], earlierPose)) return 1;
+  if (!readStoredPose(later[0], laterPose)) return 2;
+  if (interpolatePose(earlierPose, laterPose, time_, type_, quaternion, translation) == InterpolationResult::kDone)
     return 0;
-  }
-  if (type_ == 0) {
-    // The translation comes from the later row in both branches: kept.
-    if ((time_ - s1) >= (s2 - time_)) {
-      quaternion = q2;
-    } else {
-      quaternion = q1;
-    }
-    translation = t2;
-    return 0;
-  }
   KQWR_ERROR("xInterpolate") << "Wrong interpolation type: " << type_ << ". Must be 0 or 1.";
   return 1;
 }

@@ -81,10 +81,6 @@ class InterPosVisitor : public SimplePathVisitor {
   using Record = std::pair<std::string, std::string>;  // object name, category name
   using Pose = std::pair<Math::Quaternion, Math::Position3D>;
 
-  // Reads rotation (elements 4..7) and translation (8..10) of a "positions"
-  // row; false when the row is too short or holds a non-number there.
-  static bool xRetrieveDisplacement(const KQValue& row, Math::Quaternion& quaternion,
-                                    Math::Position3D& translation);
   void xRecordUp(DisplacementInterface& edge);
   void xRecordDown(DisplacementInterface& edge);
 

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <boost/thread/locks.hpp>
 
 #include "middleware/math.h"
 #include "module/module_log.h"
@@ -14,18 +13,17 @@
 #include "spatial/edge_interface.h"
 #include "spatial/names_visitor.h"
 #include "spatial/pose_conversions.h"
+#include "storage/shape_checks.h"
 #include "storage/world_object.h"
 
 namespace KQ {
 
 namespace {
 
-using SharedLock = boost::shared_lock<boost::shared_mutex>;
-using UniqueLock = boost::unique_lock<boost::shared_mutex>;
 
 // Every payload the module stores is a WorldObject; a node without one (or
 // with a foreign payload) reads as no object.
-const WorldObject* xObjectOf(const std::shared_ptr<GraphNodeData>& data) {
+const WorldObject* objectOf(const std::shared_ptr<GraphNodeData>& data) {
   return dynamic_cast<const WorldObject*>(data.get());
 }
 
@@ -42,7 +40,7 @@ int KQWorldRepresentation::storeObject(const std::string& name, const std::strin
   // One reading stamps every row this call writes.
   ko::os::timeval now;
   ko::os::gettimeofday(&now);
-  if (!xCheckAttributesFormat(attributes)) {
+  if (!checkAttributesFormat(attributes)) {
     KQWR_ERROR("storeObject") << "Wrong attributes format.";
     return 1;
   }
@@ -50,7 +48,7 @@ int KQWorldRepresentation::storeObject(const std::string& name, const std::strin
     KQWR_ERROR("storeObject") << "Position format is not correct.";
     return 1;
   }
-  UniqueLock objectLock(objectLock_);
+  WriterLock objectLock(objectLock_);
   return xStoreObject(now, name, parentName, position, category, attributes);
 }
 
@@ -67,8 +65,8 @@ int KQWorldRepresentation::xStoreObject(const ko::os::timeval& time, const std::
     return 1;
   }
 
-  UniqueLock graphLock(graphLock_);
-  UniqueLock categoryLock(categoryLock_);
+  WriterLock graphLock(graphLock_);
+  WriterLock categoryLock(categoryLock_);
   auto categoryEntry = categories_.find(category);
   if (categoryEntry == categories_.end()) {
     KQWR_ERROR("storeObject") << "Category " << category << " does not exist.";
@@ -119,7 +117,7 @@ int KQWorldRepresentation::storeObjectWithReference(const std::string& name, con
                                                     const std::string& referenceName,
                                                     const std::vector<float>& position, const std::string& category,
                                                     const KQValue& attributes) {
-  if (!xCheckAttributesFormat(attributes)) {
+  if (!checkAttributesFormat(attributes)) {
     // No final full stop, unlike storeObject's: kept as callers see it.
     KQWR_ERROR("storeObjectWithReference") << "Wrong attributes format";
     return 1;
@@ -127,10 +125,10 @@ int KQWorldRepresentation::storeObjectWithReference(const std::string& name, con
 
   Math::Position6D objectInParent;
   {
-    SharedLock objectLock(objectLock_);
+    ReaderLock objectLock(objectLock_);
     // Exclusive: the path may cross live robot edges, whose evaluation
     // refreshes their cached transforms.
-    UniqueLock graphLock(graphLock_);
+    WriterLock graphLock(graphLock_);
     const int referenceId = xFindNodeId(referenceName);
     if (referenceId < 0) {
       KQWR_ERROR("storeObjectWithReference") << "Reference " << referenceName << " does not exist.";
@@ -175,13 +173,12 @@ int KQWorldRepresentation::clearObject(const std::string& name) {
   // Takes and releases its own shared locks before ours are taken.
   const std::string category = getObjectCategory(name);
 
-  UniqueLock objectLock(objectLock_);
-  UniqueLock graphLock(graphLock_);
+  WriterLock objectLock(objectLock_);
+  WriterLock graphLock(graphLock_);
   // Rows are deleted below, so the category lock is held too, before the
-  // joint lock, which only a joint needs.
-  UniqueLock categoryLock(categoryLock_);
-  UniqueLock jointLock(jointLock_, boost::defer_lock);
-  if (category == "joints") jointLock.lock();
+  // joint lock, which comes last.
+  WriterLock categoryLock(categoryLock_);
+  WriterLock jointLock(jointLock_);
 
   const int id = xFindNodeId(name);
   if (id < 0) {
@@ -208,19 +205,19 @@ int KQWorldRepresentation::clearObject(const std::string& name) {
                               << " from the graph: " << graph_.getErrorMessage(removed);
   }
   objects_.erase(name);
-  if (jointLock.owns_lock()) joints_.erase(name);
+  if (category == "joints") joints_.erase(name);
   return removed;
 }
 
 bool KQWorldRepresentation::findObject(const std::string& name) {
-  SharedLock objectLock(objectLock_);
-  SharedLock graphLock(graphLock_);
+  ReaderLock objectLock(objectLock_);
+  ReaderLock graphLock(graphLock_);
   const int id = xFindNodeId(name);
   return id >= 0 && graph_.isNodePresent(id) == 0;
 }
 
 std::vector<std::string> KQWorldRepresentation::getObjectNames() {
-  SharedLock graphLock(graphLock_);
+  ReaderLock graphLock(graphLock_);
   return xGetObjectNames();
 }
 
@@ -232,8 +229,8 @@ std::vector<std::string> KQWorldRepresentation::xGetObjectNames() const {
 }
 
 std::vector<std::string> KQWorldRepresentation::getChildrenNames(const std::string& name) {
-  SharedLock objectLock(objectLock_);
-  SharedLock graphLock(graphLock_);
+  ReaderLock objectLock(objectLock_);
+  ReaderLock graphLock(graphLock_);
   return xGetChildren(name);
 }
 
@@ -250,7 +247,7 @@ std::vector<std::string> KQWorldRepresentation::xGetChildren(const std::string& 
   }
   names.reserve(children.size());
   for (int child : children) {
-    if (const WorldObject* object = xObjectOf(graph_.getNodeData(child))) names.push_back(object->getName());
+    if (const WorldObject* object = objectOf(graph_.getNodeData(child))) names.push_back(object->getName());
   }
   return names;
 }
@@ -265,7 +262,7 @@ std::vector<std::string> KQWorldRepresentation::xGetDescendantsNames(int id) con
   }
   names.reserve(descendants.size());
   for (int descendant : descendants) {
-    if (const WorldObject* object = xObjectOf(graph_.getNodeData(descendant))) names.push_back(object->getName());
+    if (const WorldObject* object = objectOf(graph_.getNodeData(descendant))) names.push_back(object->getName());
   }
   return names;
 }
@@ -273,8 +270,8 @@ std::vector<std::string> KQWorldRepresentation::xGetDescendantsNames(int id) con
 std::string KQWorldRepresentation::getObjectParentName(const std::string& name) {
   // The root has no parent; answered without a lock or a log.
   if (name == rootName_) return std::string();
-  SharedLock objectLock(objectLock_);
-  SharedLock graphLock(graphLock_);
+  ReaderLock objectLock(objectLock_);
+  ReaderLock graphLock(graphLock_);
   return xGetObjectParentName(name);
 }
 
@@ -291,7 +288,7 @@ std::string KQWorldRepresentation::xGetObjectParentName(const std::string& name)
     KQWR_ERROR("getObjectParentName") << "Cannot get parent of object " << name;
     return std::string();
   }
-  const WorldObject* object = xObjectOf(graph_.getNodeData(parent));
+  const WorldObject* object = objectOf(graph_.getNodeData(parent));
   return object == nullptr ? std::string() : object->getName();
 }
 

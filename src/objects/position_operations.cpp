@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include <boost/thread/locks.hpp>
 
 #include "middleware/math.h"
 #include "middleware/memory_proxy.h"
@@ -16,34 +15,21 @@
 #include "spatial/edge_interface.h"
 #include "spatial/path_visitor.h"
 #include "spatial/pose_conversions.h"
+#include "storage/attribute_rows.h"
 #include "storage/world_object.h"
 
 namespace KQ {
 
 namespace {
 
-using SharedLock = boost::shared_lock<boost::shared_mutex>;
-using UniqueLock = boost::unique_lock<boost::shared_mutex>;
 
-const WorldObject* xObjectOf(const std::shared_ptr<GraphNodeData>& data) {
+const WorldObject* objectOf(const std::shared_ptr<GraphNodeData>& data) {
   return dynamic_cast<const WorldObject*>(data.get());
-}
-
-float xAt(const std::vector<float>& values, std::size_t index) {
-  return index < values.size() ? values[index] : 0.0f;
-}
-
-// Fills `slot` with the pair [field, value] in place (no copy of a built
-// array: the KQValue array constructor copies its elements).
-void xSetPair(KQValue& slot, const char* field, KQValue&& value) {
-  slot.arraySetSize(2);
-  slot[0] = field;
-  slot[1] = std::move(value);
 }
 
 // [quaternion list, translation list], the pose form that crosses the
 // method boundary.
-KQValue xPose(const std::vector<float>& quaternion, const std::vector<float>& translation) {
+KQValue poseValue(const std::vector<float>& quaternion, const std::vector<float>& translation) {
   KQValue pose;
   pose.arraySetSize(2);
   pose[0] = KQValue(quaternion);
@@ -59,7 +45,7 @@ int KQWorldRepresentation::updatePosition(const std::string& name, const std::ve
     KQWR_ERROR("updatePosition") << "Position format is not correct.";
     return 1;
   }
-  SharedLock objectLock(objectLock_);
+  ReaderLock objectLock(objectLock_);
   return xUpdatePosition(name, position, save);
 }
 
@@ -77,7 +63,7 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   {
     // The robot frames and the joints follow the motion module; a caller
     // never moves them (the answer is still success).
-    SharedLock jointLock(jointLock_);
+    ReaderLock jointLock(jointLock_);
     if (name == robotName_ || name == torsoName_ || joints_.count(name) != 0) return 0;
   }
 
@@ -87,12 +73,12 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   std::vector<float> quaternion = objectInParentRotation.toVector();
   std::vector<float> translation = objectInParentTranslation.toVector();
 
-  UniqueLock graphLock(graphLock_);
+  WriterLock graphLock(graphLock_);
   const std::string category = xGetObjectCategory(name);
   int parentId = -1;
   graph_.getParent(parentId, id);
   std::string parentName;
-  if (const WorldObject* parent = xObjectOf(graph_.getNodeData(parentId))) parentName = parent->getName();
+  if (const WorldObject* parent = objectOf(graph_.getNodeData(parentId))) parentName = parent->getName();
 
   const int result = graph_.setDisplacement(parentId, id, std::make_shared<Displacement>(quaternion, translation));
   if (result != 0) {
@@ -114,7 +100,7 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   // pose the graph never had. Kept in this order as the history's readers
   // expect it.
   if (save) {
-    UniqueLock categoryLock(categoryLock_);
+    WriterLock categoryLock(categoryLock_);
     auto database = databases_.find(category);
     if (database != databases_.end())
       xStorePosition(database->second, name, parentName, quaternion, translation, now);
@@ -126,20 +112,20 @@ int KQWorldRepresentation::updatePositionWithReference(const std::string& name, 
                                                        const std::vector<float>& position, const bool& save) {
   // The object lock is taken once, shared, for the whole call; the rest
   // goes through the private forms that assume it.
-  SharedLock objectLock(objectLock_);
+  ReaderLock objectLock(objectLock_);
   if (xFindNodeId(name) < 0) {
     KQWR_ERROR("updatePositionWithReference") << "Object " << name << " does not exist.";
     return 1;
   }
   std::string parent;
   {
-    SharedLock graphLock(graphLock_);
+    ReaderLock graphLock(graphLock_);
     parent = xGetObjectParentName(name);
   }
   std::vector<float> referenceInParentQ;
   std::vector<float> referenceInParentT;
   {
-    UniqueLock graphLock(graphLock_);
+    WriterLock graphLock(graphLock_);
     xGetPosition(parent, reference, referenceInParentQ, referenceInParentT);
   }
 
@@ -183,13 +169,13 @@ KQValue KQWorldRepresentation::getPosition(const std::string& first, const std::
   std::vector<float> quaternion;
   std::vector<float> translation;
   {
-    SharedLock objectLock(objectLock_);
+    ReaderLock objectLock(objectLock_);
     // Exclusive although it only reads: live robot edges refresh their
     // cached transforms when evaluated.
-    UniqueLock graphLock(graphLock_);
+    WriterLock graphLock(graphLock_);
     xGetPosition(first, second, quaternion, translation);
   }
-  return xPose(quaternion, translation);
+  return poseValue(quaternion, translation);
 }
 
 std::vector<float> KQWorldRepresentation::getPosition6D(const std::string& first, const std::string& second) {
@@ -199,8 +185,8 @@ std::vector<float> KQWorldRepresentation::getPosition6D(const std::string& first
   std::vector<float> quaternion;
   std::vector<float> translation;
   {
-    SharedLock objectLock(objectLock_);
-    UniqueLock graphLock(graphLock_);
+    ReaderLock objectLock(objectLock_);
+    WriterLock graphLock(graphLock_);
     xGetPosition(first, second, quaternion, translation);
   }
   Math::Position6D pose;
@@ -211,20 +197,11 @@ std::vector<float> KQWorldRepresentation::getPosition6D(const std::string& first
 void KQWorldRepresentation::xStorePosition(KQDatabaseManager& db, const std::string& name,
                                            const std::string& parentName, const std::vector<float>& quaternion,
                                            const std::vector<float>& translation, const ko::os::timeval& time) {
-  // The 8 pairs of a "positions" row; xStoreAttribute adds "ObjectName",
-  // "TimeS" and "TimeUS". The pairs are built once per thread and only their
-  // values change from row to row: this runs for every saved update.
-  thread_local KQValue row = [] {
-    KQValue pairs;
-    pairs.arraySetSize(8);
-    const char* const fields[8] = {"ParentName", "QuatW", "QuatX", "QuatY", "QuatZ", "X", "Y", "Z"};
-    for (int i = 0; i < 8; ++i) xSetPair(pairs[i], fields[i], KQValue());
-    return pairs;
-  }();
-  row[0][1] = parentName;
-  for (int i = 0; i < 4; ++i) row[1 + i][1] = xAt(quaternion, static_cast<std::size_t>(i));
-  for (int i = 0; i < 3; ++i) row[5 + i][1] = xAt(translation, static_cast<std::size_t>(i));
-  xStoreAttribute(db, time, name, "positions", row);
+  // The pairs are built once per thread and only their values change from
+  // row to row: this runs for every saved update.
+  thread_local KQValue row;
+  setPositionsRow(row, parentName, quaternion, translation);
+  xStoreAttribute(db, time, name, kPositionsAttributeName, row);
 }
 
 }  // namespace KQ

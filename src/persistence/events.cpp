@@ -23,7 +23,7 @@ bool isName(const KQValue& element, const std::string& name) {
 
 }  // namespace
 
-void KQWorldRepresentation::xAddObjectToDisplayEvent(const std::string& name) {
+void KQWorldRepresentation::addObjectToDisplayEvent(const std::string& name) {
   try {
     KQValue list = memoryProxy_->getData(displayRequiredEventName_);
     // Any value is taken as a list; one that is not an array holds no names.
@@ -39,7 +39,7 @@ void KQWorldRepresentation::xAddObjectToDisplayEvent(const std::string& name) {
   }
 }
 
-void KQWorldRepresentation::xRemoveObjectFromDisplayEvent(const std::string& name) {
+void KQWorldRepresentation::removeObjectFromDisplayEvent(const std::string& name) {
   try {
     const KQValue list = memoryProxy_->getData(displayRequiredEventName_);
     KQValue kept;

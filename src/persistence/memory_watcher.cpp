@@ -18,10 +18,18 @@
 #include "middleware/os.h"
 #include "module/module_log.h"
 #include "module/world_representation.h"
+#include "storage/attribute_rows.h"
 
 namespace KQ {
 
 namespace {
+
+// The object's name: the key cut at the prefix's length, not after the place
+// where the prefix was found.
+std::string objectNameFromMemoryKey(const std::string& key, const std::string& prefix) {
+  if (key.find(prefix) == std::string::npos) return std::string();
+  return key.substr(prefix.size());
+}
 
 const char* const kMemoryObjectPrefix = "Object/";
 const char* const kMemoryObjectCategory = "kqmemoryobjects";
@@ -87,7 +95,7 @@ void KQWorldRepresentation::startMemoryCheck(const int& period) {
   memoryCheckPeriod_ = period;
   keepRunning_ = true;
   try {
-    std::thread(&KQWorldRepresentation::xCheckMemory, this).detach();
+    std::thread(&KQWorldRepresentation::checkMemory, this).detach();
   } catch (const std::system_error& e) {
     keepRunning_ = false;
     std::lock_guard<std::mutex> runningLock(runningMutex_);
@@ -108,14 +116,7 @@ void KQWorldRepresentation::stopMemoryCheck() {
   runningCondition_.wait(runningLock, [this] { return !running_; });
 }
 
-std::string KQWorldRepresentation::xGetObjectNameFromMemoryKey(const std::string& key,
-                                                                const std::string& prefix) const {
-  // Cut at the prefix's length, not after the place where it was found.
-  if (key.find(prefix) == std::string::npos) return std::string();
-  return key.substr(prefix.size());
-}
-
-void KQWorldRepresentation::xCheckMemory() {
+void KQWorldRepresentation::checkMemory() {
   // Linux keeps 15 bytes of a thread name: "KQWorldRep-KQMe".
   ko::os::setCurrentThreadName("KQWorldRep-KQMemory");
   {
@@ -130,8 +131,8 @@ void KQWorldRepresentation::xCheckMemory() {
       ko::os::gettimeofday(&passStart);
       const std::vector<std::string> keys = memoryProxy_->getDataList(kMemoryObjectPrefix);
       for (const std::string& key : keys) {
-        const std::string name = xGetObjectNameFromMemoryKey(key, kMemoryObjectPrefix);
-        const std::string condition = "ObjectName='" + name + "'";
+        const std::string name = objectNameFromMemoryKey(key, kMemoryObjectPrefix);
+        const std::string condition = objectCondition(name);
         const KQValue value = memoryProxy_->getData(key);
         if (value.getSize() == 0) {
           // An emptied key takes the object off the display; the object stays.
@@ -172,7 +173,7 @@ void KQWorldRepresentation::xCheckMemory() {
     }
     // Every object still published leaves the display with the watcher.
     for (const std::string& key : memoryProxy_->getDataList(kMemoryObjectPrefix))
-      deleteObjectAttribute(xGetObjectNameFromMemoryKey(key, kMemoryObjectPrefix), displayAttributeName_, "1");
+      deleteObjectAttribute(objectNameFromMemoryKey(key, kMemoryObjectPrefix), displayAttributeName_, "1");
   } catch (const std::exception& e) {
     // An error of the memory module or of an operation ends the watcher
     // cleanly instead of the process; a new start makes a new thread.

@@ -7,31 +7,40 @@
 //
 // All members here run with the category lock held exclusively, except
 // xLoadDatabases, which the archive's load runs with all four locks held.
-#include <cstdint>
-#include <utility>
+#include <string>
+#include <vector>
 
 #include <boost/filesystem.hpp>
 
 #include "module/module_log.h"
 #include "module/world_representation.h"
+#include "storage/attribute_rows.h"
 
 namespace KQ {
 
 namespace {
 
-KQValue fieldPair(const std::string& name, const std::string& type) {
-  KQValue pair;
-  pair.arraySetSize(0);
-  pair.arrayPush(KQValue(name));
-  pair.arrayPush(KQValue(type));
-  return pair;
-}
+// The ".sqlite" files of the data directory (not its folders): paths and
+// stems. Non-zero when the directory cannot be read.
+int findDatabases(const std::string& dataDirectory, std::vector<std::string>& paths, std::vector<std::string>& names) {
+  namespace fs = boost::filesystem;
+  boost::system::error_code error;
+  const fs::path directory(dataDirectory);
+  const fs::file_status status = fs::status(directory, error);
+  if (error || status.type() == fs::file_not_found || status.type() == fs::status_error) return 1;
 
-KQValue fieldList(std::initializer_list<std::pair<const char*, const char*>> fields) {
-  KQValue list;
-  list.arraySetSize(0);
-  for (const auto& field : fields) list.arrayPush(fieldPair(field.first, field.second));
-  return list;
+  fs::directory_iterator entry(directory, error);
+  if (error) return 1;
+  for (const fs::directory_iterator end; entry != end; entry.increment(error)) {
+    if (error) return 1;
+    boost::system::error_code typeError;
+    if (fs::is_directory(entry->path(), typeError)) continue;
+    const fs::path& path = entry->path();
+    if (path.extension() != ".sqlite") continue;
+    paths.push_back(path.string());
+    names.push_back(path.stem().string());
+  }
+  return error ? 1 : 0;
 }
 
 }  // namespace
@@ -67,73 +76,19 @@ int KQWorldRepresentation::xCreateTableFromAttribute(const std::string& category
   return database->second.createTable(attribute, found->second->getAttributeTable(attribute));
 }
 
-void KQWorldRepresentation::xAddSpecialFields(KQValue& row, const std::string& objectName,
-                                              const ko::os::timeval& time) const {
-  // TimeS is the epoch seconds cut to 32 bits, as the "int" column keeps it.
-  row.arrayPush(fieldPair("ObjectName", objectName));
-  KQValue seconds;
-  seconds.arraySetSize(0);
-  seconds.arrayPush(KQValue("TimeS"));
-  seconds.arrayPush(KQValue(static_cast<int>(static_cast<int32_t>(time.tv_sec))));
-  row.arrayPush(seconds);
-  KQValue microseconds;
-  microseconds.arraySetSize(0);
-  microseconds.arrayPush(KQValue("TimeUS"));
-  microseconds.arrayPush(KQValue(static_cast<int>(time.tv_usec)));
-  row.arrayPush(microseconds);
-}
-
 void KQWorldRepresentation::xAddPositionsToCategory(const std::string& category) {
-  // A pose relative to the parent frame: quaternion w, x, y, z then
-  // translation x, y, z in metres.
-  static const KQValue fields = fieldList({{"ParentName", "text"},
-                                           {"QuatW", "float"},
-                                           {"QuatX", "float"},
-                                           {"QuatY", "float"},
-                                           {"QuatZ", "float"},
-                                           {"X", "float"},
-                                           {"Y", "float"},
-                                           {"Z", "float"}});
-  xAddAttributeToCategory(category, "positions", fields);
+  xAddAttributeToCategory(category, kPositionsAttributeName, positionsFieldList());
 }
 
 void KQWorldRepresentation::xAddDisplayToCategory(const std::string& category) {
-  static const KQValue fields = fieldList({{"colorR", "float"},
-                                           {"colorG", "float"},
-                                           {"colorB", "float"},
-                                           {"scaleX", "float"},
-                                           {"scaleY", "float"},
-                                           {"scaleZ", "float"},
-                                           {"model", "text"}});
-  xAddAttributeToCategory(category, displayAttributeName_, fields);
-}
-
-int KQWorldRepresentation::xFindDatabases(std::vector<std::string>& paths, std::vector<std::string>& names) {
-  namespace fs = boost::filesystem;
-  boost::system::error_code error;
-  const fs::path directory(dataDirectory_);
-  const fs::file_status status = fs::status(directory, error);
-  if (error || status.type() == fs::file_not_found || status.type() == fs::status_error) return 1;
-
-  fs::directory_iterator entry(directory, error);
-  if (error) return 1;
-  for (const fs::directory_iterator end; entry != end; entry.increment(error)) {
-    if (error) return 1;
-    boost::system::error_code typeError;
-    if (fs::is_directory(entry->path(), typeError)) continue;
-    const fs::path& path = entry->path();
-    if (path.extension() != ".sqlite") continue;
-    paths.push_back(path.string());
-    names.push_back(path.stem().string());
-  }
-  return error ? 1 : 0;
+  xAddAttributeToCategory(category, displayAttributeName_, displayFieldList());
 }
 
 int KQWorldRepresentation::xLoadDatabases() {
   databases_.clear();
   std::vector<std::string> paths;
   std::vector<std::string> names;
-  const int status = xFindDatabases(paths, names);
+  const int status = findDatabases(dataDirectory_, paths, names);
   if (status != 0) {
     KQWR_ERROR("load") << "Could not load existing databases.";
     return status;

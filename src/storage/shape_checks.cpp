@@ -1,6 +1,4 @@
-// The three shape checks that guard the KQValue arguments of the attribute
-// and category operations. They only answer; the callers log their refusals.
-#include "module/world_representation.h"
+#include "storage/shape_checks.h"
 
 namespace KQ {
 
@@ -36,15 +34,15 @@ bool everyElement(const KQValue& value, Check check) {
 
 }  // namespace
 
-bool KQWorldRepresentation::xCheckFieldsFormat(const KQValue& fields) const {
+bool checkFieldsFormat(const KQValue& fields) {
   return everyElement(fields, isFieldDeclaration);
 }
 
-bool KQWorldRepresentation::xCheckAttributeFieldsFormat(const KQValue& values) const {
+bool checkAttributeFieldsFormat(const KQValue& values) {
   return everyElement(values, isFieldValue);
 }
 
-bool KQWorldRepresentation::xCheckAttributesFormat(const KQValue& attributes) const {
+bool checkAttributesFormat(const KQValue& attributes) {
   return everyElement(attributes, isAttributeEntry);
 }
 
