@@ -1,7 +1,5 @@
 #include "spatial/names_visitor.h"
 
-#include "storage/world_object.h"
-
 namespace KQ {
 
 NamesVisitor::NamesVisitor(std::vector<std::string>& names) : names_(names) {}
@@ -11,11 +9,10 @@ void NamesVisitor::startVisit() { names_.clear(); }
 void NamesVisitor::stopVisit() {}
 
 void NamesVisitor::onNode(int /*id*/, std::shared_ptr<GraphNodeData> data) {
-  // Every payload the module stores is a WorldObject, so the type is not
-  // checked. A node without payload (the root between clearGraph and the
-  // reload of a saved world) has no name to give and is passed over.
+  // A node without payload (the root between clearGraph and the reload of a
+  // saved world) has no name to give and is passed over.
   if (!data) return;
-  names_.push_back(static_cast<const WorldObject*>(data.get())->getName());
+  names_.push_back(data->getName());
 }
 
 }  // namespace KQ

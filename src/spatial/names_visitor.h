@@ -1,8 +1,6 @@
-// NamesVisitor: collects the name of the WorldObject on every node it meets
-// into the caller's list (which it empties at startVisit and never owns).
-// Every node it meets must carry a WorldObject: the payload's type is not
-// checked (the module stores nothing else); a node without payload is passed
-// over.
+// NamesVisitor: collects the payload name of every node it meets into the
+// caller's list (which it empties at startVisit and never owns); a node
+// without payload is passed over.
 //
 // Threading: one walk, one thread; the caller's list belongs to that thread
 // for the walk.

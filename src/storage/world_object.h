@@ -17,7 +17,7 @@ class WorldObject : public GraphNodeData {
       : name_(name), category_(std::move(category)) {}
   ~WorldObject() override;
 
-  const std::string& getName() const { return name_; }
+  const std::string& getName() const override { return name_; }
   const boost::shared_ptr<ObjectCategory>& getCategory() const { return category_; }
   // The category's name, or "" when the object has no category.
   std::string getCategoryName() const;

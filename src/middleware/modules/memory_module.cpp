@@ -75,10 +75,10 @@ void KQMemoryModule::raiseEvent(const std::string& name, const KQValue& value) {
     }
   }
   // Outside mutex_: a callback may read the value back or raise another event.
-  for (const auto& receiver : receivers) xDeliver(*receiver, name, value);
+  for (const auto& receiver : receivers) deliver(*receiver, name, value);
 }
 
-void KQMemoryModule::xDeliver(Subscription& subscription, const std::string& name, const KQValue& value) {
+void KQMemoryModule::deliver(Subscription& subscription, const std::string& name, const KQValue& value) {
   const std::thread::id self = std::this_thread::get_id();
   {
     std::lock_guard<std::mutex> lock(subscription.stateMutex);

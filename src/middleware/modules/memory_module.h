@@ -43,14 +43,15 @@ class KQMemoryModule : public KQModule, public KQEventSource {
   KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name);
   ~KQMemoryModule() override;
 
-  // Remotely callable.
-  void insertData(const std::string& key, const KQValue& value);
-  KQValue getData(const std::string& key);  // KQError for an absent key
-  std::vector<std::string> getDataList(const std::string& filter);
-  void removeData(const std::string& key);  // an absent key is no error
-  void declareEvent(const std::string& name);
-  void raiseEvent(const std::string& name, const KQValue& value);
-  std::vector<std::string> getEventList();
+  // Remotely callable. Virtual so that a module built on this one (a test's
+  // fault switches) is reached through the same method table.
+  virtual void insertData(const std::string& key, const KQValue& value);
+  virtual KQValue getData(const std::string& key);  // KQError for an absent key
+  virtual std::vector<std::string> getDataList(const std::string& filter);
+  virtual void removeData(const std::string& key);  // an absent key is no error
+  virtual void declareEvent(const std::string& name);
+  virtual void raiseEvent(const std::string& name, const KQValue& value);
+  virtual std::vector<std::string> getEventList();
 
   // KQEventSource.
   uint64_t subscribeEvent(const std::string& event, KQEventCallback callback) override;
@@ -71,7 +72,7 @@ class KQMemoryModule : public KQModule, public KQEventSource {
 
   // Runs one subscriber's callback unless it was unsubscribed. Caller holds
   // no lock.
-  void xDeliver(Subscription& subscription, const std::string& name, const KQValue& value);
+  void deliver(Subscription& subscription, const std::string& name, const KQValue& value);
 
   // Adds the name to the event list when absent. Caller holds mutex_.
   void xDeclareEvent(const std::string& name);

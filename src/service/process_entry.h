@@ -18,8 +18,8 @@
 // Threading: call once, from the main thread, before any other thread is
 // started: SIGINT and SIGTERM are blocked in every thread and taken with
 // sigwait by the main thread, so no work runs in a signal handler.
-#ifndef KQ_MIDDLEWARE_PROCESS_ENTRY_H_
-#define KQ_MIDDLEWARE_PROCESS_ENTRY_H_
+#ifndef KQ_SERVICE_PROCESS_ENTRY_H_
+#define KQ_SERVICE_PROCESS_ENTRY_H_
 
 #include <functional>
 #include <memory>
@@ -36,4 +36,4 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
 
 }  // namespace KQTools
 
-#endif  // KQ_MIDDLEWARE_PROCESS_ENTRY_H_
+#endif  // KQ_SERVICE_PROCESS_ENTRY_H_

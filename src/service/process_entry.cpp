@@ -1,4 +1,4 @@
-#include "middleware/process_entry.h"
+#include "service/process_entry.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>

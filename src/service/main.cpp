@@ -2,7 +2,7 @@
 // A start that cannot work ends inside mainFunction with its own status;
 // whatever mainFunction returns, the process ends with 0, as a module's
 // process always has.
-#include "middleware/process_entry.h"
+#include "service/process_entry.h"
 #include "module/world_representation.h"
 
 int main(int argc, char* argv[]) {
