@@ -155,7 +155,7 @@ TEST_F(RefusedDeclarationTest, AWorldWithoutEventsStillStoresDisplayRows) {
   EXPECT_EQ(1, world().select("1", "Cups", "Display", "*").getSize());
   ASSERT_EQ(1u, worldLog().size());
   EXPECT_EQ("warning xAddObjectToDisplayEvent: Could not update display event for object cup1: " +
-                refusal("getData", "no data under key " + kDisplay) + ". Object will not be displayed.",
+                refusal("getData", "There is no data under key " + kDisplay + ".") + ". Object will not be displayed.",
             worldLog()[0]);
 }
 

@@ -1,110 +1,50 @@
 #include "support/recording_memory_module.h"
 
-#include <algorithm>
-
-#include "middleware/broker.h"
 #include "middleware/error.h"
 
 namespace KQ {
 namespace test {
 
-RecordingMemoryModule::RecordingMemoryModule(std::shared_ptr<KQ::KQBroker> broker, const std::string& name)
-    : KQModule(std::move(broker), name) {
-  functionName("insertData", getName(), "Insert a value under a key.", 0);
-  advertiseMethod(&RecordingMemoryModule::insertData);
-  functionName("getData", getName(), "Get the value of a key.", 0);
-  advertiseMethod(&RecordingMemoryModule::getData);
-  functionName("getDataList", getName(), "List the keys containing a text.", 0);
-  advertiseMethod(&RecordingMemoryModule::getDataList);
-  functionName("removeData", getName(), "Remove a key.", 0);
-  advertiseMethod(&RecordingMemoryModule::removeData);
-  functionName("declareEvent", getName(), "Declare an event.", 0);
-  advertiseMethod(&RecordingMemoryModule::declareEvent);
-  functionName("raiseEvent", getName(), "Raise an event with a value.", 0);
-  advertiseMethod(&RecordingMemoryModule::raiseEvent);
-  functionName("getEventList", getName(), "List the declared events.", 0);
-  advertiseMethod(&RecordingMemoryModule::getEventList);
+namespace {
+
+[[noreturn]] void refuse(const std::string& method, const std::string& message) {
+  throw KQError("KQMemory", method, message, "", 0);
 }
 
-RecordingMemoryModule::~RecordingMemoryModule() = default;
+}  // namespace
 
-void RecordingMemoryModule::xRefuse(const std::string& method, const std::string& message) const {
-  throw KQError(getName(), method, message, "", 0);
-}
-
-void RecordingMemoryModule::insertData(const std::string& key, const KQValue& value) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  data_[key] = value;
-}
+RecordingMemoryModule::RecordingMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name)
+    : KQMemoryModule(std::move(broker), name) {}
 
 KQValue RecordingMemoryModule::getData(const std::string& key) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (getDataFails_) xRefuse("getData", "memory refused to read " + key);
-  auto it = data_.find(key);
-  if (it == data_.end()) xRefuse("getData", "no data under key " + key);
-  return it->second;
+  if (getDataFails_) refuse("getData", "memory refused to read " + key);
+  return KQMemoryModule::getData(key);
 }
 
 std::vector<std::string> RecordingMemoryModule::getDataList(const std::string& filter) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (getDataListFails_) xRefuse("getDataList", "memory refused to list " + filter);
-  std::vector<std::string> keys;
-  for (const auto& entry : data_)
-    if (entry.first.find(filter) != std::string::npos) keys.push_back(entry.first);
-  return keys;
-}
-
-void RecordingMemoryModule::removeData(const std::string& key) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  data_.erase(key);
+  if (getDataListFails_) refuse("getDataList", "memory refused to list " + filter);
+  return KQMemoryModule::getDataList(filter);
 }
 
 void RecordingMemoryModule::declareEvent(const std::string& name) {
+  if (++declareCalls_ == declareFailsAt_) refuse("declareEvent", "memory refused to declare " + name);
+  KQMemoryModule::declareEvent(name);
   std::lock_guard<std::mutex> lock(mutex_);
-  ++declareCalls_;
-  if (declareFails_ || declareCalls_ == declareFailsAt_) xRefuse("declareEvent", "memory refused to declare " + name);
   declared_.push_back(name);
-  if (std::find(events_.begin(), events_.end(), name) == events_.end()) events_.push_back(name);
 }
 
 void RecordingMemoryModule::raiseEvent(const std::string& name, const KQValue& value) {
-  std::vector<KQEventCallback> callbacks;
+  if (raiseFails_) refuse("raiseEvent", "memory refused to raise " + name);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (raiseFails_) xRefuse("raiseEvent", "memory refused to raise " + name);
-    data_[name] = value;
     raised_.emplace_back(name, value);
-    for (const auto& entry : subscribers_)
-      if (entry.second.first == name) callbacks.push_back(entry.second.second);
   }
-  for (const auto& callback : callbacks) callback(name, value);
-}
-
-std::vector<std::string> RecordingMemoryModule::getEventList() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return events_;
-}
-
-uint64_t RecordingMemoryModule::subscribeEvent(const std::string& event, KQEventCallback callback) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const uint64_t id = nextSubscriberId_++;
-  subscribers_[id] = std::make_pair(event, std::move(callback));
-  return id;
-}
-
-void RecordingMemoryModule::unsubscribeEvent(uint64_t id) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  subscribers_.erase(id);
+  KQMemoryModule::raiseEvent(name, value);
 }
 
 std::vector<std::string> RecordingMemoryModule::declaredEvents() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return declared_;
-}
-
-int RecordingMemoryModule::declareCalls() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return declareCalls_;
 }
 
 std::vector<std::pair<std::string, KQValue>> RecordingMemoryModule::raisedEvents() const {
@@ -114,14 +54,15 @@ std::vector<std::pair<std::string, KQValue>> RecordingMemoryModule::raisedEvents
 
 int RecordingMemoryModule::raisedCount(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return static_cast<int>(std::count_if(raised_.begin(), raised_.end(),
-                                        [&name](const std::pair<std::string, KQValue>& r) { return r.first == name; }));
+  int count = 0;
+  for (const auto& event : raised_) count += event.first == name ? 1 : 0;
+  return count;
 }
 
 KQValue RecordingMemoryModule::lastRaised(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (auto it = raised_.rbegin(); it != raised_.rend(); ++it)
-    if (it->first == name) return it->second;
+  for (auto event = raised_.rbegin(); event != raised_.rend(); ++event)
+    if (event->first == name) return event->second;
   return KQValue();
 }
 
@@ -131,39 +72,10 @@ void RecordingMemoryModule::clearRecords() {
   raised_.clear();
 }
 
-void RecordingMemoryModule::setData(const std::string& key, const KQValue& value) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  data_[key] = value;
-}
-
-bool RecordingMemoryModule::hasData(const std::string& key) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return data_.count(key) != 0;
-}
-
-void RecordingMemoryModule::throwOnDeclare(bool enabled) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  declareFails_ = enabled;
-}
-
-void RecordingMemoryModule::throwOnDeclareCall(int nth) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  declareFailsAt_ = nth;
-}
-
-void RecordingMemoryModule::throwOnRaise(bool enabled) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  raiseFails_ = enabled;
-}
-
-void RecordingMemoryModule::throwOnGetData(bool enabled) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  getDataFails_ = enabled;
-}
-
-void RecordingMemoryModule::throwOnGetDataList(bool enabled) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  getDataListFails_ = enabled;
+bool RecordingMemoryModule::hasData(const std::string& key) {
+  for (const std::string& found : KQMemoryModule::getDataList(key))
+    if (found == key) return true;
+  return false;
 }
 
 }  // namespace test

@@ -33,6 +33,7 @@
 
 #include "middleware/broker.h"
 #include "module/world_representation.h"
+#include "support/checks.h"
 #include "support/log_capture.h"
 #include "support/recording_memory_module.h"
 #include "support/scripted_motion_module.h"
@@ -40,9 +41,6 @@
 
 namespace KQ {
 namespace test {
-
-// An array value written inline: list({"kg", 2.5f}) is ["kg", 2.5].
-inline KQValue list(std::initializer_list<KQValue> items) { return KQValue(std::vector<KQValue>(items)); }
 
 class WorldFixture : public ::testing::Test {
  public:
