@@ -58,6 +58,8 @@ TEST_F(RpcOverHttpTest, EveryRequestGetsItsReplyOrItsCodeAndMessage) {
       {call("NetTest.echo", "[{\"x\":1}]"), error(-32602, "NetTest.echo: argument 1: a JSON object is not a value")},
       {call("NetTest.add", "{\"a\":1}"), error(-32602, "NetTest.add: params must be an array of positional arguments")},
       {call("broker.methods", "[3]"), error(-32602, "broker.methods: argument 1 must be string, not int 3")},
+      {call("broker.methods", ""), error(-32602, "broker.methods: expects 1 argument, got 0")},
+      {call("broker.modules", "[1]"), error(-32602, "broker.modules: expects 0 arguments, got 1")},
       {call("NetTest.fail", "[\"Category Cups does not exist.\"]"),
        error(-32000, "NetTest.fail: Category Cups does not exist.")},
       {call("NetTest.failOddly", ""), error(-32000, "something odd")},
