@@ -69,6 +69,14 @@ class KqTest(unittest.TestCase):
             done = self.kq(*args, check=False)
             self.assertEqual((done.returncode, done.stderr.strip()), (2, message), args)
 
+    def test_token_is_passed_on(self):
+        with Service(token="s3cret") as service:
+            done = run_kq("call", "KQWorldRepresentation.getRootName", url=service.url, token="s3cret")
+            self.assertEqual(done.stdout.strip(), '"World"')
+            done = run_kq("call", "KQWorldRepresentation.getRootName", url=service.url, check=False)
+            self.assertEqual(done.returncode, 1)
+            self.assertTrue(done.stderr.startswith("kq: "), done.stderr)
+
     def test_help_everywhere(self):
         for command in ([], ["call"], ["methods"], ["events"], ["tree"], ["echo"]):
             done = run_kq(*(command + ["--help"]))

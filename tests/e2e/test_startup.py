@@ -67,6 +67,15 @@ class StartFailuresTest(unittest.TestCase):
         status, lines = start_failure("--port", str(free_port()), "--data-dir", self.data, "--token-file", empty)
         self.assertEqual((status, lines), (1, [PREFIX + "Token file %s holds no token" % empty]))
 
+    def test_token_from_the_environment_and_max_message(self):
+        # Case: KQ_TOKEN protects the service like --token; --max-message caps a body.
+        with Service("--max-message", "2000", env={"KQ_TOKEN": "from-env"}) as service:
+            body = json.dumps({"jsonrpc": "2.0", "id": 1, "method": "KQMemory.insertData", "params": ["k", "x"]})
+            self.assertEqual(service.post(body)[0], 401)
+            service.token = "from-env"
+            self.assertEqual(service.post(body)[0], 200)
+            self.assertEqual(service.post(body.replace('"x"', '"%s"' % ("x" * 3000)))[0], 413)
+
     def test_bad_command_lines(self):
         # Case: an unknown option, a bad number, a missing value: status 2.
         for args, line in [

@@ -1,44 +1,114 @@
 #include "net/net_fixture.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <chrono>
+#include <stdexcept>
 #include <thread>
 
-#include "middleware/module.h"
+#include "middleware/proxy.h"
 
-namespace KQ {
-namespace test {
+namespace KQ::test {
+
+NetTestModule::NetTestModule(std::shared_ptr<KQBroker> broker, const std::string& name)
+    : KQModule(std::move(broker), name) {
+  functionName("add", getName(), "Adds two ints.", 0);
+  advertiseMethod(&NetTestModule::add);
+  functionName("echo", getName(), "Returns its argument.", 0);
+  advertiseMethod(&NetTestModule::echo);
+  functionName("fail", getName(), "Refuses with the given message.", 0);
+  advertiseMethod(&NetTestModule::fail);
+  functionName("failOddly", getName(), "Throws something that is not a KQError.", 0);
+  advertiseMethod(&NetTestModule::failOddly);
+  functionName("bump", getName(), "Counts its calls.", 0);
+  advertiseMethod(&NetTestModule::bump);
+  functionName("raise", getName(), "Raises an event through the memory module.", 0);
+  advertiseMethod(&NetTestModule::raise);
+  functionName("holdLock", getName(), "Holds the module lock until released.", 0);
+  advertiseMethod(&NetTestModule::holdLock);
+  functionName("ping", getName(), "Answers pong without any lock.", 0);
+  advertiseMethod(&NetTestModule::ping);
+}
+
+void NetTestModule::fail(const std::string& message) { throw KQError(getName(), "fail", message); }
+
+void NetTestModule::failOddly() { throw std::runtime_error("something odd"); }
+
+int NetTestModule::bump() {
+  std::lock_guard<std::mutex> lock(gateMutex_);
+  return ++bumps_;
+}
+
+void NetTestModule::raise(const std::string& event, const KQValue& value) {
+  getParentBroker()->getProxy("KQMemory")->call("raiseEvent", event, value);
+}
+
+int NetTestModule::holdLock() {
+  std::unique_lock<std::shared_mutex> held(lock_);
+  std::unique_lock<std::mutex> lock(gateMutex_);
+  const int generation = gateGeneration_;
+  ++holding_;
+  gateChanged_.notify_all();
+  gateChanged_.wait(lock, [&] { return gateGeneration_ != generation; });
+  const int released = ++released_;
+  gateChanged_.notify_all();
+  return released;
+}
+
+int NetTestModule::bumps() const {
+  std::lock_guard<std::mutex> lock(gateMutex_);
+  return bumps_;
+}
+
+bool NetTestModule::waitHolding(int count) {
+  std::unique_lock<std::mutex> lock(gateMutex_);
+  return gateChanged_.wait_for(lock, std::chrono::seconds(20), [&] { return holding_ >= count; });
+}
+
+bool NetTestModule::waitReleased(int count) {
+  std::unique_lock<std::mutex> lock(gateMutex_);
+  return gateChanged_.wait_for(lock, std::chrono::seconds(20), [&] { return released_ >= count; });
+}
+
+void NetTestModule::openGate() {
+  std::lock_guard<std::mutex> lock(gateMutex_);
+  ++gateGeneration_;
+  gateChanged_.notify_all();
+}
 
 namespace {
 
-// Reads a descriptor to its end.
 std::string drain(int fd) {
   std::string out;
   char buffer[65536];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
-    if (n > 0) {
-      out.append(buffer, static_cast<std::size_t>(n));
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else {
-      break;
-    }
+  for (ssize_t n; (n = ::read(fd, buffer, sizeof(buffer))) != 0;) {
+    if (n > 0) out.append(buffer, static_cast<std::size_t>(n));
+    else if (errno != EINTR) break;
   }
   ::close(fd);
   return out;
 }
 
+HttpAnswer curl(std::vector<std::string> argv, const std::string& body = "") {
+  // The status goes last on its own line, after the body.
+  argv.insert(argv.begin(), {"curl", "-s", "-S", "--max-time", "60", "-w", "\n%{http_code}"});
+  const ProgramResult result = runProgram(argv, body);
+  HttpAnswer answer;
+  answer.error = result.err;
+  const std::size_t newline = result.out.rfind('\n');
+  if (newline == std::string::npos) return answer;
+  answer.status = std::atoi(result.out.c_str() + newline + 1);
+  answer.body = result.out.substr(0, newline);
+  return answer;
+}
+
 }  // namespace
 
 ProgramResult runProgram(const std::vector<std::string>& argv, const std::string& stdinText) {
-  // A server test must survive its client closing the pipe early.
-  ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGPIPE, SIG_IGN);  // a client may close its pipe early
   int in[2], out[2], err[2];
   if (::pipe(in) != 0 || ::pipe(out) != 0 || ::pipe(err) != 0) return ProgramResult{};
   const pid_t pid = ::fork();
@@ -53,26 +123,20 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const std::string
     ::execvp(args[0], args.data());
     ::_exit(127);
   }
-  ::close(in[0]);
-  ::close(out[1]);
-  ::close(err[1]);
+  for (int fd : {in[0], out[1], err[1]}) ::close(fd);
   std::thread writer([fd = in[1], &stdinText] {
-    std::size_t done = 0;
-    while (done < stdinText.size()) {
+    for (std::size_t done = 0; done < stdinText.size();) {
       const ssize_t n = ::write(fd, stdinText.data() + done, stdinText.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      done += static_cast<std::size_t>(n);
+      if (n <= 0 && errno != EINTR) break;
+      if (n > 0) done += static_cast<std::size_t>(n);
     }
     ::close(fd);
   });
-  std::string errText;
-  std::thread errReader([&] { errText = drain(err[0]); });
   ProgramResult result;
+  std::thread errReader([&] { result.err = drain(err[0]); });
   result.out = drain(out[0]);
   writer.join();
   errReader.join();
-  result.err = errText;
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
@@ -81,57 +145,21 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const std::string
 }
 
 ProgramResult runPython(const std::string& script, const std::vector<std::string>& args) {
-  std::vector<std::string> argv{"/usr/bin/python3", "-"};
+  std::vector<std::string> argv{"/usr/bin/python3", "-c", script};
   argv.insert(argv.end(), args.begin(), args.end());
-  return runProgram(argv, script);
+  return runProgram(argv);
 }
-
-namespace {
-
-HttpAnswer curl(std::vector<std::string> argv) {
-  // The status goes last on its own line, after the body.
-  argv.insert(argv.begin(), {"curl", "-s", "-S", "--max-time", "60", "-w", "\n%{http_code}"});
-  const ProgramResult result = runProgram(argv);
-  HttpAnswer answer;
-  answer.error = result.err;
-  const std::size_t newline = result.out.rfind('\n');
-  if (newline == std::string::npos) return answer;
-  answer.status = std::atoi(result.out.c_str() + newline + 1);
-  answer.body = result.out.substr(0, newline);
-  return answer;
-}
-
-}  // namespace
 
 HttpAnswer curlPost(const std::string& url, const std::string& body, const std::vector<std::string>& headers) {
-  // Through a file: the body may be larger than an argument may be.
-  char path[] = "/tmp/kq-net-body-XXXXXX";
-  const int fd = ::mkstemp(path);
-  if (fd < 0) return HttpAnswer{};
-  std::size_t done = 0;
-  while (done < body.size()) {
-    const ssize_t n = ::write(fd, body.data() + done, body.size() - done);
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  ::close(fd);
-  std::vector<std::string> argv{"-X", "POST", "--data-binary", std::string("@") + path};
-  for (const std::string& header : headers) {
-    argv.push_back("-H");
-    argv.push_back(header);
-  }
+  std::vector<std::string> argv{"-X", "POST", "--data-binary", "@-"};  // the body on stdin: it may be large
+  for (const std::string& header : headers) argv.insert(argv.end(), {"-H", header});
   argv.push_back(url);
-  HttpAnswer answer = curl(argv);
-  ::unlink(path);
-  return answer;
+  return curl(argv, body);
 }
 
 HttpAnswer curlGet(const std::string& url, const std::vector<std::string>& headers) {
   std::vector<std::string> argv;
-  for (const std::string& header : headers) {
-    argv.push_back("-H");
-    argv.push_back(header);
-  }
+  for (const std::string& header : headers) argv.insert(argv.end(), {"-H", header});
   argv.push_back(url);
   return curl(argv);
 }
@@ -140,28 +168,21 @@ void NetServerTest::SetUp() {
   broker_ = std::make_shared<KQBroker>("net-test");
   memory_ = KQModule::createModule<KQMemoryModule>(broker_, "KQMemory");
   module_ = KQModule::createModule<NetTestModule>(broker_, "NetTest");
-  restartServer(net::RpcServerOptions{});
+  restartServer();
 }
 
 void NetServerTest::TearDown() {
-  // Whatever a test left waiting is let go before the server waits for it.
-  module_->openGate();
-  if (server_) server_->stop();
+  module_->openGate();  // whatever a test left waiting goes before the server waits for it
   server_.reset();
   broker_->shutdown();
 }
 
-void NetServerTest::restartServer(net::RpcServerOptions options) {
-  if (server_) server_->stop();
+void NetServerTest::restartServer(net::RpcServerOptions options, unsigned short port) {
   server_.reset();
-  options.port = 0;
+  options.port = port;
   server_ = std::make_unique<net::RpcServer>(broker_, options);
   server_->start();
 }
-
-std::string NetServerTest::rpcUrl() const { return "http://127.0.0.1:" + std::to_string(port()) + "/rpc"; }
-
-std::string NetServerTest::wsUrl() const { return "ws://127.0.0.1:" + std::to_string(port()) + "/ws"; }
 
 nlohmann::json NetServerTest::rpc(const std::string& text) {
   const HttpAnswer answer = curlPost(rpcUrl(), text);
@@ -169,5 +190,4 @@ nlohmann::json NetServerTest::rpc(const std::string& text) {
   return nlohmann::json::parse(answer.body, nullptr, false);
 }
 
-}  // namespace test
-}  // namespace KQ
+}  // namespace KQ::test

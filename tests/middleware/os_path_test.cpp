@@ -1,0 +1,130 @@
+// ko::os and ko::path: the replaceable clock, thread names the kernel cuts at
+// 15 bytes, and which environment variable decides the data folder (made if
+// missing, reported if it cannot be made).
+#include <gtest/gtest.h>
+
+#include <sys/time.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+
+#include "middleware/os.h"
+#include "middleware/path.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace ko {
+namespace {
+
+using namespace os;
+using namespace path;
+TEST(OsTest, InstalledClocksAreNormalisedAndRemovable) {
+  timeval t{};
+  for (const auto& [usec, sec, rest] : {std::tuple<long, long, long>{1'500'000, 11, 500'000}, {-1, 9, 999'999}}) {
+    setClock([usec = usec](timeval* tv) {
+      tv->tv_sec = 10;
+      tv->tv_usec = usec;
+    });
+    ASSERT_EQ(0, gettimeofday(&t));
+    EXPECT_EQ(std::make_pair(sec, rest), std::make_pair(static_cast<long>(t.tv_sec), static_cast<long>(t.tv_usec)));
+  }
+  // Case: an empty function restores the system clock.
+  setClock({});
+  gettimeofday(&t);
+  ::timeval system{};
+  ::gettimeofday(&system, nullptr);
+  EXPECT_NEAR(system.tv_sec, t.tv_sec, 5);
+  EXPECT_EQ(-1, gettimeofday(nullptr));
+}
+
+TEST(OsTest, ThreadNamesAreCutToFifteenBytes) {
+  const auto kept = [](const std::string& name) {
+    std::string result;
+    std::thread([&] { result = setCurrentThreadName(name) ? getCurrentThreadName() : "(refused)"; }).join();
+    return result;
+  };
+  EXPECT_EQ("KQWorldRep-KQMe", kept("KQWorldRep-KQMemory"));
+  EXPECT_EQ("123456789012345", kept("123456789012345"));
+  // Case: a cut never splits a UTF-8 character ("é" straddles byte 15).
+  EXPECT_EQ("abcdefghijklmn", kept("abcdefghijklmn\xc3\xa9xyz"));
+  // Case: the name ends at an embedded NUL, as the kernel would read it.
+  EXPECT_EQ("ab", kept(std::string("ab\0cd", 5)));
+}
+
+using KQ::test::TempDir;
+
+// Puts HOME, KQ_DATA_HOME and XDG_DATA_HOME back as they were.
+class EnvironmentGuard {
+ public:
+  EnvironmentGuard() {
+    for (int i = 0; i < 3; ++i)
+      if (const char* v = std::getenv(kNames[i])) saved_[i] = v;
+  }
+  ~EnvironmentGuard() {
+    for (int i = 0; i < 3; ++i) saved_[i] ? ::setenv(kNames[i], saved_[i]->c_str(), 1) : ::unsetenv(kNames[i]);
+  }
+  static void set(const char* name, const char* value) { value ? ::setenv(name, value, 1) : ::unsetenv(name); }
+
+ private:
+  static constexpr const char* kNames[3] = {"HOME", "KQ_DATA_HOME", "XDG_DATA_HOME"};
+  std::optional<std::string> saved_[3];
+};
+
+TEST(PathTest, EnvironmentDecidesTheDataFolderAndItIsMade) {
+  TempDir temp;
+  EnvironmentGuard env;
+  env.set("HOME", temp.file("home").c_str());
+  const std::string kq = temp.file("kq/"), xdg = temp.file("xdg");
+  const struct {
+    const char* kqHome;
+    const char* xdgHome;
+    const char* expected;
+  } cases[] = {
+      // KQ_DATA_HOME wins; a trailing "/" gives no "//".
+      {kq.c_str(), xdg.c_str(), "kq/worldrepresentation"},
+      // An empty KQ_DATA_HOME counts as unset.
+      {"", xdg.c_str(), "xdg/kq/worldrepresentation"},
+      // A relative XDG_DATA_HOME is ignored (as XDG says): HOME decides.
+      {nullptr, "relative/data", "home/.local/share/kq/worldrepresentation"},
+      {nullptr, nullptr, "home/.local/share/kq/worldrepresentation"},
+  };
+  temp.writeFile("kq/worldrepresentation/Cups.sqlite", "data");  // an existing folder keeps its files
+  for (const auto& c : cases) {
+    env.set("KQ_DATA_HOME", c.kqHome);
+    env.set("XDG_DATA_HOME", c.xdgHome);
+    EXPECT_EQ(temp.file(c.expected), userWritableDataPath("worldrepresentation", "")) << c.expected;
+    EXPECT_TRUE(std::filesystem::is_directory(temp.file(c.expected))) << c.expected;
+  }
+  EXPECT_EQ(4u, std::filesystem::file_size(temp.file("kq/worldrepresentation/Cups.sqlite")));
+  // Case: a file name is joined but not created.
+  EXPECT_EQ(temp.file("home/.local/share/kq/other/a.txt"), userWritableDataPath("other", "a.txt"));
+  EXPECT_FALSE(std::filesystem::exists(temp.file("home/.local/share/kq/other/a.txt")));
+
+  // Case: --data-dir places exactly its component, over the environment,
+  // until an empty folder removes it.
+  setComponentDataPath("worldrepresentation", temp.file("chosen/"));
+  EXPECT_EQ(temp.file("chosen/nodes.xml"), userWritableDataPath("worldrepresentation", "nodes.xml"));
+  EXPECT_EQ(temp.file("home/.local/share/kq/motion"), userWritableDataPath("motion", ""));
+  setComponentDataPath("worldrepresentation", "");
+  EXPECT_EQ(temp.file("home/.local/share/kq/worldrepresentation"), userWritableDataPath("worldrepresentation", ""));
+}
+
+TEST(PathTest, AFolderThatCannotBeMadeIsReportedAndThePathStillComesBack) {
+  // Opening a file there fails later, where it is reported with its context.
+  TempDir temp;
+  KQ::test::LogCapture logs;
+  temp.writeFile("blocked", "not a folder");
+  setComponentDataPath("blockedcomponent", temp.file("blocked/inner"));
+  EXPECT_EQ(temp.file("blocked/inner/x.sqlite"), userWritableDataPath("blockedcomponent", "x.sqlite"));
+  EXPECT_TRUE(logs.contains(ko::log::warning, "userWritableDataPath",
+                            "Cannot create folder " + temp.file("blocked/inner") + ": Not a directory"));
+  setComponentDataPath("blockedcomponent", "");
+}
+
+}  // namespace
+}  // namespace ko
