@@ -15,7 +15,7 @@ void KQModuleCore::functionName(const std::string& name, const std::string& /*cl
   pendingDescription_ = description;
 }
 
-void KQModuleCore::xAdvertiseMethod(binding::Invoker invoker, std::string signature) {
+void KQModuleCore::advertiseMethod(binding::Invoker invoker, std::string signature) {
   Method method{KQMethodDescription{pendingName_, pendingDescription_, std::move(signature)}, std::move(invoker)};
   auto found = methodIndex_.find(pendingName_);
   if (found != methodIndex_.end()) {

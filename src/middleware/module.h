@@ -53,13 +53,13 @@ class KQModuleCore : public std::enable_shared_from_this<KQModuleCore> {
 
   template <class C, class R, class... A>
   void advertiseMethod(R (C::*method)(A...)) {
-    xAdvertiseMethod(binding::makeInvoker<C, R, R (C::*)(A...), A...>(static_cast<C*>(this), method, &name_,
+    advertiseMethod(binding::makeInvoker<C, R, R (C::*)(A...), A...>(static_cast<C*>(this), method, &name_,
                                                                        pendingName_),
                      std::string(binding::resultName<R>()) + "(" + binding::parameterNames<A...>() + ")");
   }
   template <class C, class R, class... A>
   void advertiseMethod(R (C::*method)(A...) const) {
-    xAdvertiseMethod(binding::makeInvoker<C, R, R (C::*)(A...) const, A...>(static_cast<C*>(this), method, &name_,
+    advertiseMethod(binding::makeInvoker<C, R, R (C::*)(A...) const, A...>(static_cast<C*>(this), method, &name_,
                                                                              pendingName_),
                      std::string(binding::resultName<R>()) + "(" + binding::parameterNames<A...>() + ")");
   }
@@ -80,7 +80,7 @@ class KQModuleCore : public std::enable_shared_from_this<KQModuleCore> {
   virtual void exit();
 
  private:
-  void xAdvertiseMethod(binding::Invoker invoker, std::string signature);
+  void advertiseMethod(binding::Invoker invoker, std::string signature);
 
   struct Method {
     KQMethodDescription description;

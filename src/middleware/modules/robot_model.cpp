@@ -144,7 +144,7 @@ RobotModel RobotModel::fromText(const std::string& xml, const std::string& torso
       joint.lower = static_cast<float>(source.limits->lower);
       joint.upper = static_cast<float>(source.limits->upper);
     }
-    joint.position = model.xClamp(joint, 0.0f);
+    joint.position = model.clamp(joint, 0.0f);
     model.jointIndex_[name] = static_cast<int>(model.joints_.size());
     model.joints_.push_back(joint);
   }
@@ -153,7 +153,7 @@ RobotModel RobotModel::fromText(const std::string& xml, const std::string& torso
   for (Joint& joint : model.joints_) {
     const urdf::Joint& source = *urdfModel->joints_.at(joint.name);
     if (!source.mimic) continue;
-    const int master = model.xJointIndex(source.mimic->joint_name);
+    const int master = model.jointIndex(source.mimic->joint_name);
     if (master < 0)
       throw RobotModelError("Cannot read robot description " + sourceName + ": joint " + joint.name +
                             " mimics unknown joint " + source.mimic->joint_name);
@@ -182,7 +182,7 @@ RobotModel RobotModel::fromText(const std::string& xml, const std::string& torso
   return model;
 }
 
-int RobotModel::xJointIndex(const std::string& name) const {
+int RobotModel::jointIndex(const std::string& name) const {
   auto found = jointIndex_.find(name);
   return found == jointIndex_.end() ? -1 : found->second;
 }
@@ -194,46 +194,46 @@ std::vector<std::string> RobotModel::links() const {
 }
 
 bool RobotModel::isMovable(const std::string& joint) const {
-  const int index = xJointIndex(joint);
+  const int index = jointIndex(joint);
   return index >= 0 && joints_[static_cast<std::size_t>(index)].motion != Motion::None;
 }
 
 std::string RobotModel::mimicMaster(const std::string& joint) const {
-  const int index = xJointIndex(joint);
+  const int index = jointIndex(joint);
   if (index < 0) return std::string();
   const int master = joints_[static_cast<std::size_t>(index)].mimicOf;
   return master < 0 ? std::string() : joints_[static_cast<std::size_t>(master)].name;
 }
 
 std::string RobotModel::childLink(const std::string& joint) const {
-  const int index = xJointIndex(joint);
+  const int index = jointIndex(joint);
   if (index < 0) throw std::out_of_range("unknown joint " + joint);
   return joints_[static_cast<std::size_t>(index)].childLink;
 }
 
-float RobotModel::xClamp(const Joint& joint, float value) const {
+float RobotModel::clamp(const Joint& joint, float value) const {
   if (!joint.clamps) return value;
   if (value < joint.lower) return joint.lower;
   if (value > joint.upper) return joint.upper;
   return value;
 }
 
-float RobotModel::xPosition(int index) const {
+float RobotModel::position(int index) const {
   const Joint& joint = joints_[static_cast<std::size_t>(index)];
   if (joint.mimicOf < 0) return joint.position;
   // Cycles were refused at load, so the recursion ends.
-  const float derived = joint.multiplier * xPosition(joint.mimicOf) + joint.offset;
-  return std::isfinite(derived) ? xClamp(joint, derived) : xClamp(joint, 0.0f);
+  const float derived = joint.multiplier * position(joint.mimicOf) + joint.offset;
+  return std::isfinite(derived) ? clamp(joint, derived) : clamp(joint, 0.0f);
 }
 
 float RobotModel::position(const std::string& joint) const {
-  const int index = xJointIndex(joint);
+  const int index = jointIndex(joint);
   if (index < 0) throw std::out_of_range("unknown joint " + joint);
-  return xPosition(index);
+  return position(index);
 }
 
 std::string RobotModel::checkSettable(const std::string& joint, float value) const {
-  const int index = xJointIndex(joint);
+  const int index = jointIndex(joint);
   if (index < 0 || joints_[static_cast<std::size_t>(index)].motion == Motion::None)
     return "Unknown joint " + joint + ".";
   const Joint& j = joints_[static_cast<std::size_t>(index)];
@@ -247,12 +247,12 @@ std::string RobotModel::checkSettable(const std::string& joint, float value) con
 void RobotModel::setPosition(const std::string& joint, float value) {
   const std::string refusal = checkSettable(joint, value);
   if (!refusal.empty()) throw std::invalid_argument(refusal);
-  Joint& j = joints_[static_cast<std::size_t>(xJointIndex(joint))];
-  j.position = xClamp(j, value);
+  Joint& j = joints_[static_cast<std::size_t>(jointIndex(joint))];
+  j.position = clamp(j, value);
 }
 
-Math::Transform RobotModel::xJointMotion(const Joint& joint) const {
-  const float q = xPosition(jointIndex_.at(joint.name));
+Math::Transform RobotModel::jointMotion(const Joint& joint) const {
+  const float q = position(jointIndex_.at(joint.name));
   switch (joint.motion) {
     case Motion::Rotation: {
       const float s = std::sin(q * 0.5f);
@@ -275,7 +275,7 @@ Math::Transform RobotModel::linkInRoot(const std::string& link) const {
   int index = found->second;
   for (std::size_t hops = 0; index >= 0 && hops <= joints_.size(); ++hops) {
     const Joint& joint = joints_[static_cast<std::size_t>(index)];
-    linkInAncestor = joint.jointInParent * xJointMotion(joint) * linkInAncestor;
+    linkInAncestor = joint.jointInParent * jointMotion(joint) * linkInAncestor;
     index = links_.at(joint.parentLink);
   }
   return linkInAncestor;

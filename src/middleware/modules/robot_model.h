@@ -103,10 +103,10 @@ class RobotModel {
   RobotModel() = default;
 
   // Index of a joint, -1 when unknown.
-  int xJointIndex(const std::string& name) const;
-  float xPosition(int index) const;
-  float xClamp(const Joint& joint, float value) const;
-  Math::Transform xJointMotion(const Joint& joint) const;
+  int jointIndex(const std::string& name) const;
+  float position(int index) const;
+  float clamp(const Joint& joint, float value) const;
+  Math::Transform jointMotion(const Joint& joint) const;
 
   std::string robotName_;
   std::string rootLink_;

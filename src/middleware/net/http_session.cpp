@@ -41,12 +41,12 @@ HttpSession::~HttpSession() { context_.connections.remove(this); }
 
 void HttpSession::run() {
   context_.connections.add(this, shared_from_this());
-  xReadHeader();
+  readHeader();
 }
 
-void HttpSession::shutdown() { xClose(); }
+void HttpSession::shutdown() { close(); }
 
-void HttpSession::xClose() {
+void HttpSession::close() {
   if (closed_) return;
   closed_ = true;
   beast::error_code ec;
@@ -54,44 +54,44 @@ void HttpSession::xClose() {
   stream_.close();
 }
 
-void HttpSession::xReadHeader() {
+void HttpSession::readHeader() {
   if (closed_) return;
   parser_.emplace();
-  // The size is judged by xOnHeader once the request is known to be allowed
+  // The size is judged by onHeader once the request is known to be allowed
   // at all (a 401 comes before a 413); the body limit is set after that.
   // (Not boost::none: Beast 1.74 compares a length against it as smaller
   // than any number.)
   parser_->body_limit(std::numeric_limits<std::uint64_t>::max());
   stream_.expires_after(std::chrono::seconds(context_.options.idleTimeoutSeconds));
   http::async_read_header(stream_, buffer_, *parser_,
-                          [self = shared_from_this()](beast::error_code ec, std::size_t) { self->xOnHeader(ec); });
+                          [self = shared_from_this()](beast::error_code ec, std::size_t) { self->onHeader(ec); });
 }
 
-void HttpSession::xOnHeader(beast::error_code ec) {
+void HttpSession::onHeader(beast::error_code ec) {
   if (closed_) return;
   if (ec) {
     // end_of_stream: the client is done; timeout: idle; anything else is a
     // malformed request, which gets no more of our time than a close.
-    if (ec == http::error::header_limit) return xRefuse(http::status::request_header_fields_too_large,
+    if (ec == http::error::header_limit) return refuse(http::status::request_header_fields_too_large,
                                                         "Request header too large.");
-    return xClose();
+    return close();
   }
   const auto& request = parser_->get();
   const auto originField = request.find(http::field::origin);
   std::string_view origin;
   if (originField != request.end()) origin = view(originField->value());
   if (!guard_.originAllowed(originField != request.end() ? &origin : nullptr))
-    return xRefuse(http::status::forbidden, "Requests from another site's page are refused.");
+    return refuse(http::status::forbidden, "Requests from another site's page are refused.");
   if (!guard_.authorized(view(request[http::field::authorization]), view(request.target())))
-    return xRefuse(http::status::unauthorized, "A valid token is required.");
+    return refuse(http::status::unauthorized, "A valid token is required.");
 
   const std::string_view path = targetPath(view(request.target()));
   if (path == "/ws") {
     if (!beast::websocket::is_upgrade(request))
-      return xRefuse(http::status::bad_request, "GET /ws expects a WebSocket upgrade.");
-    return xUpgrade();
+      return refuse(http::status::bad_request, "GET /ws expects a WebSocket upgrade.");
+    return upgrade();
   }
-  if (path != "/rpc") return xRefuse(http::status::not_found, "Not found: use POST /rpc or GET /ws.");
+  if (path != "/rpc") return refuse(http::status::not_found, "Not found: use POST /rpc or GET /ws.");
   if (request.method() != http::verb::post) {
     auto response = std::make_shared<Response>(http::status::method_not_allowed, request.version());
     response->set(http::field::allow, "POST");
@@ -99,41 +99,41 @@ void HttpSession::xOnHeader(beast::error_code ec) {
     response->body() = "POST /rpc only.";
     response->keep_alive(false);
     response->prepare_payload();
-    return xSend(std::move(response));
+    return send(std::move(response));
   }
   if (!isJsonContentType(view(request[http::field::content_type])))
-    return xRefuse(http::status::unsupported_media_type, "POST /rpc requires Content-Type: application/json.");
+    return refuse(http::status::unsupported_media_type, "POST /rpc requires Content-Type: application/json.");
   const auto declared = parser_->content_length();
   if (declared && *declared > context_.options.maxMessageBytes)
-    return xRefuse(http::status::payload_too_large,
+    return refuse(http::status::payload_too_large,
                    "Message larger than " + std::to_string(context_.options.maxMessageBytes) + " bytes.");
 
   if (beast::iequals(request[http::field::expect], "100-continue")) {
     // curl and others wait for this before sending a larger body.
     auto proceed = std::make_shared<http::response<http::empty_body>>(http::status::continue_, request.version());
     http::async_write(stream_, *proceed, [self = shared_from_this(), proceed](beast::error_code ec, std::size_t) {
-      if (ec) return self->xClose();
-      self->xReadBody();
+      if (ec) return self->close();
+      self->readBody();
     });
     return;
   }
-  xReadBody();
+  readBody();
 }
 
-void HttpSession::xReadBody() {
+void HttpSession::readBody() {
   if (closed_) return;
   // Also bounds chunked bodies, whose size shows only while they are read.
   parser_->body_limit(context_.options.maxMessageBytes);
   http::async_read(stream_, buffer_, *parser_,
-                   [self = shared_from_this()](beast::error_code ec, std::size_t) { self->xOnBody(ec); });
+                   [self = shared_from_this()](beast::error_code ec, std::size_t) { self->onBody(ec); });
 }
 
-void HttpSession::xOnBody(beast::error_code ec) {
+void HttpSession::onBody(beast::error_code ec) {
   if (closed_) return;
   if (ec == http::error::body_limit)
-    return xRefuse(http::status::payload_too_large,
+    return refuse(http::status::payload_too_large,
                    "Message larger than " + std::to_string(context_.options.maxMessageBytes) + " bytes.");
-  if (ec) return xClose();
+  if (ec) return close();
 
   // No timer while the call runs: a call may wait on a module's lock for as
   // long as it takes.
@@ -152,17 +152,17 @@ void HttpSession::xOnBody(beast::error_code ec) {
       response->body() = std::move(reply);
       response->keep_alive(keepAlive);
       response->prepare_payload();
-      self->xSend(std::move(response));
+      self->send(std::move(response));
     });
   });
-  if (!posted) xClose();
+  if (!posted) close();
 }
 
-void HttpSession::xUpgrade() {
+void HttpSession::upgrade() {
   // An upgrade request has no body; reading "the rest" finishes the parser.
   http::async_read(stream_, buffer_, *parser_, [self = shared_from_this()](beast::error_code ec, std::size_t) {
     if (self->closed_) return;
-    if (ec) return self->xClose();
+    if (ec) return self->close();
     self->closed_ = true;  // the socket now belongs to the WebSocket session
     self->stream_.expires_never();
     auto session = std::make_shared<WebSocketSession>(std::move(self->stream_), self->context_);
@@ -170,28 +170,28 @@ void HttpSession::xUpgrade() {
   });
 }
 
-void HttpSession::xRefuse(http::status status, const std::string& text, bool closeAfter) {
+void HttpSession::refuse(http::status status, const std::string& text, bool closeAfter) {
   auto response = std::make_shared<Response>(status, parser_ ? parser_->get().version() : 11);
   response->set(http::field::content_type, "text/plain");
   if (status == http::status::unauthorized) response->set(http::field::www_authenticate, "Bearer");
   response->body() = text + "\n";
   response->keep_alive(!closeAfter);
   response->prepare_payload();
-  xSend(std::move(response));
+  send(std::move(response));
 }
 
-void HttpSession::xSend(std::shared_ptr<Response> response) {
+void HttpSession::send(std::shared_ptr<Response> response) {
   if (closed_) return;
   // A client that stops reading gets the idle timeout, not a stuck worker.
   stream_.expires_after(std::chrono::seconds(context_.options.idleTimeoutSeconds));
   http::async_write(stream_, *response, [self = shared_from_this(), response](beast::error_code ec, std::size_t) {
-    if (ec) return self->xClose();
-    if (!response->keep_alive()) return self->xLingerClose();
-    self->xReadHeader();
+    if (ec) return self->close();
+    if (!response->keep_alive()) return self->lingerClose();
+    self->readHeader();
   });
 }
 
-void HttpSession::xLingerClose() {
+void HttpSession::lingerClose() {
   if (closed_) return;
   beast::error_code ignored;
   stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
@@ -203,8 +203,8 @@ void HttpSession::xLingerClose() {
   stream_.async_read_some(asio::buffer(*scratch), [self = shared_from_this(), scratch](beast::error_code ec,
                                                                                         std::size_t bytes) {
     self->discarded_ += bytes;
-    if (ec || self->discarded_ > kMaxDiscard) return self->xClose();
-    self->xLingerClose();
+    if (ec || self->discarded_ > kMaxDiscard) return self->close();
+    self->lingerClose();
   });
 }
 

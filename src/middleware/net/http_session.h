@@ -39,19 +39,19 @@ class HttpSession : public Connection, public std::enable_shared_from_this<HttpS
   using Request = boost::beast::http::request<boost::beast::http::string_body>;
   using Response = boost::beast::http::response<boost::beast::http::string_body>;
 
-  void xReadHeader();
-  void xOnHeader(boost::beast::error_code ec);
-  void xReadBody();
-  void xOnBody(boost::beast::error_code ec);
-  void xUpgrade();
+  void readHeader();
+  void onHeader(boost::beast::error_code ec);
+  void readBody();
+  void onBody(boost::beast::error_code ec);
+  void upgrade();
   // A plain-text answer; closes the connection after it when closeAfter.
-  void xRefuse(boost::beast::http::status status, const std::string& text, bool closeAfter = true);
-  void xSend(std::shared_ptr<Response> response);
+  void refuse(boost::beast::http::status status, const std::string& text, bool closeAfter = true);
+  void send(std::shared_ptr<Response> response);
   // After a refusal whose body was never read: stop sending, read and drop
   // what the client still sends for a while, then close. Closing at once
   // would reset the connection, and the client would lose the answer.
-  void xLingerClose();
-  void xClose();
+  void lingerClose();
+  void close();
 
   boost::beast::tcp_stream stream_;
   boost::beast::flat_buffer buffer_;

@@ -108,7 +108,7 @@ RequestGuard::RequestGuard(std::string token, unsigned short port, std::vector<s
   }
 }
 
-bool RequestGuard::xHostIsOwn(const std::string& host) const {
+bool RequestGuard::hostIsOwn(const std::string& host) const {
   if (host == "localhost" || host == "127.0.0.1" || host == "::1") return true;
   return std::find(ownHosts_.begin(), ownHosts_.end(), host) != ownHosts_.end();
 }
@@ -118,7 +118,7 @@ bool RequestGuard::originAllowed(const std::string_view* origin) const {
   std::string scheme, host;
   unsigned port = 0;
   if (!parseOrigin(trim(*origin), scheme, host, port)) return false;
-  return port == port_ && xHostIsOwn(host);
+  return port == port_ && hostIsOwn(host);
 }
 
 bool RequestGuard::authorized(std::string_view authorization, std::string_view target) const {

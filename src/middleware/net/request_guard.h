@@ -36,7 +36,7 @@ class RequestGuard {
   bool asksToken() const { return !token_.empty(); }
 
  private:
-  bool xHostIsOwn(const std::string& host) const;  // host lowercased, brackets removed
+  bool hostIsOwn(const std::string& host) const;  // host lowercased, brackets removed
 
   std::string token_;
   unsigned short port_;

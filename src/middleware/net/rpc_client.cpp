@@ -123,7 +123,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
   Impl(std::string url, std::string token) : url_(std::move(url)), token_(std::move(token)) {
     endpoint_ = parseUrl(url_);
     ioThread_ = std::thread([this] { io_.run(); });
-    eventThread_ = std::thread([this] { xRunEvents(); });
+    eventThread_ = std::thread([this] { runEvents(); });
   }
 
   ~Impl() {
@@ -153,7 +153,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
     } else if (params.isValid()) {
       request["params"] = json::array({toJson(params)});
     }
-    const json reply = xRequest(std::move(request));
+    const json reply = roundTrip(std::move(request));
     const auto error = reply.find("error");
     if (error != reply.end() && error->is_object()) throwReplyError(*error);
     const auto result = reply.find("result");
@@ -178,7 +178,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
       try {
         call("subscribe", KQValue(std::vector<std::string>{event}));
       } catch (...) {
-        xForget(id);
+        forget(id);
         throw;
       }
     }
@@ -186,7 +186,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
   }
 
   void unsubscribe(uint64_t id) {
-    const std::string event = xForget(id);
+    const std::string event = forget(id);
     if (event.empty()) return;
     bool last = false;
     {
@@ -210,7 +210,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
       closedByUser_ = true;
     }
     if (!link) return;
-    xFail(link, "Connection to " + url_ + " closed");
+    fail(link, "Connection to " + url_ + " closed");
     std::promise<void> done;
     asio::post(io_, [link, &done] {
       beast::error_code ignored;
@@ -229,7 +229,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
   };
 
   // Removes a local subscription; returns its event ("" when unknown).
-  std::string xForget(uint64_t id) {
+  std::string forget(uint64_t id) {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = subscriptions_.find(id);
     if (found == subscriptions_.end()) return std::string();
@@ -239,8 +239,8 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
     return event;
   }
 
-  json xRequest(json request) {
-    const std::shared_ptr<Link> link = xConnected();
+  json roundTrip(json request) {
+    const std::shared_ptr<Link> link = connected();
     const uint64_t id = nextCallId_++;
     request["id"] = id;
     auto promise = std::make_shared<std::promise<json>>();
@@ -258,13 +258,13 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
       link->pending.erase(id);
       throw KQError("", "", "Invalid Request: nested deeper than " + std::to_string(kMaxJsonDepth) + " levels");
     }
-    xSend(link, std::move(text));
+    send(link, std::move(text));
     return reply.get();
   }
 
   // The open link, opening one when there is none; throws KQError when the
   // server cannot be reached or refuses the upgrade.
-  std::shared_ptr<Link> xConnected() {
+  std::shared_ptr<Link> connected() {
     std::shared_ptr<Link> link;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -291,18 +291,18 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
       link->resolver.async_resolve(
           endpoint_.host, endpoint_.port,
           [this, link](beast::error_code ec, tcp::resolver::results_type results) {
-            if (ec) return xConnectFailed(link, ec.message());
+            if (ec) return connectFailed(link, ec.message());
             beast::get_lowest_layer(link->ws).expires_after(std::chrono::seconds(10));
             beast::get_lowest_layer(link->ws).async_connect(
                 results, [this, link](beast::error_code connectError, const tcp::endpoint&) {
-                  if (connectError) return xConnectFailed(link, connectError.message());
-                  xHandshake(link);
+                  if (connectError) return connectFailed(link, connectError.message());
+                  handshake(link);
                 });
           });
     });
   }
 
-  void xHandshake(const std::shared_ptr<Link>& link) {
+  void handshake(const std::shared_ptr<Link>& link) {
     beast::error_code ignored;
     beast::get_lowest_layer(link->ws).socket().set_option(tcp::no_delay(true), ignored);
     beast::get_lowest_layer(link->ws).expires_never();
@@ -318,9 +318,9 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
       if (ec) {
         const unsigned status = link->handshakeResponse.result_int();
         if (ec == websocket::error::upgrade_declined && status != 0)
-          return xConnectFailed(link, "the server answered " + std::to_string(status) + " " +
+          return connectFailed(link, "the server answered " + std::to_string(status) + " " +
                                           std::string(link->handshakeResponse.reason()));
-        return xConnectFailed(link, ec.message());
+        return connectFailed(link, ec.message());
       }
       // A new connection carries none of the old one's subscriptions.
       std::vector<std::string> events;
@@ -329,38 +329,38 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
         for (const auto& entry : eventCounts_) events.push_back(entry.first);
       }
       for (const std::string& event : events)
-        xQueue(link, json{{"jsonrpc", "2.0"}, {"method", "subscribe"}, {"params", json::array({event})}}.dump());
+        queue(link, json{{"jsonrpc", "2.0"}, {"method", "subscribe"}, {"params", json::array({event})}}.dump());
       link->ready.set_value();
-      xRead(link);
+      read(link);
     });
   }
 
-  void xConnectFailed(const std::shared_ptr<Link>& link, const std::string& reason) {
+  void connectFailed(const std::shared_ptr<Link>& link, const std::string& reason) {
     {
       std::lock_guard<std::mutex> lock(link->mutex);
       link->dead = true;
     }
     link->ready.set_exception(
         std::make_exception_ptr(KQError("", "", "Cannot connect to " + url_ + ": " + reason)));
-    xScheduleReconnect(link);
+    scheduleReconnect(link);
   }
 
-  void xRead(const std::shared_ptr<Link>& link) {
+  void read(const std::shared_ptr<Link>& link) {
     link->ws.async_read(link->buffer, [this, link](beast::error_code ec, std::size_t) {
       if (ec) {
-        xFail(link, "Connection to " + url_ + " lost: " + ec.message());
-        xScheduleReconnect(link);
+        fail(link, "Connection to " + url_ + " lost: " + ec.message());
+        scheduleReconnect(link);
         return;
       }
       const std::string text = beast::buffers_to_string(link->buffer.data());
       link->buffer.consume(link->buffer.size());
-      xDeliver(link, text);
-      xRead(link);
+      deliver(link, text);
+      read(link);
     });
   }
 
   // One message from the server: a reply to a pending call or an event.
-  void xDeliver(const std::shared_ptr<Link>& link, const std::string& text) {
+  void deliver(const std::shared_ptr<Link>& link, const std::string& text) {
     json message;
     if (parseJson(text, message, kMaxReplyDepth) != ParseOutcome::Ok || !message.is_object()) return;
     const auto method = message.find("method");
@@ -396,7 +396,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
   }
 
   // Ends a link: every call still waiting on it fails with reason.
-  void xFail(const std::shared_ptr<Link>& link, const std::string& reason) {
+  void fail(const std::shared_ptr<Link>& link, const std::string& reason) {
     std::map<uint64_t, std::shared_ptr<std::promise<json>>> pending;
     {
       std::lock_guard<std::mutex> lock(link->mutex);
@@ -409,7 +409,7 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
   // A listener (live subscriptions) must not stay deaf after a lost
   // connection: open it again after a pause, until it works or the client
   // is closed. Runs on the I/O thread.
-  void xScheduleReconnect(const std::shared_ptr<Link>& lost) {
+  void scheduleReconnect(const std::shared_ptr<Link>& lost) {
     auto timer = std::make_shared<asio::steady_timer>(io_, kReconnectDelay);
     timer->async_wait([this, timer, lost](beast::error_code ec) {
       if (ec) return;
@@ -420,34 +420,34 @@ class RpcClient::Impl : public std::enable_shared_from_this<RpcClient::Impl> {
     });
   }
 
-  void xSend(const std::shared_ptr<Link>& link, std::string text) {
-    asio::post(io_, [this, link, text = std::move(text)]() mutable { xQueue(link, std::move(text)); });
+  void send(const std::shared_ptr<Link>& link, std::string text) {
+    asio::post(io_, [this, link, text = std::move(text)]() mutable { queue(link, std::move(text)); });
   }
 
   // I/O thread: one write at a time.
-  void xQueue(const std::shared_ptr<Link>& link, std::string text) {
+  void queue(const std::shared_ptr<Link>& link, std::string text) {
     link->queue.push_back(std::move(text));
-    if (!link->writing) xWrite(link);
+    if (!link->writing) write(link);
   }
 
-  void xWrite(const std::shared_ptr<Link>& link) {
+  void write(const std::shared_ptr<Link>& link) {
     link->writing = true;
     link->ws.text(true);
     link->ws.async_write(asio::buffer(link->queue.front()), [this, link](beast::error_code ec, std::size_t) {
       link->writing = false;
       if (ec) {
         link->queue.clear();
-        xFail(link, "Connection to " + url_ + " lost: " + ec.message());
+        fail(link, "Connection to " + url_ + " lost: " + ec.message());
         return;
       }
       link->queue.pop_front();
-      if (!link->queue.empty()) xWrite(link);
+      if (!link->queue.empty()) write(link);
     });
   }
 
   // The event thread: callbacks one at a time, in arrival order, never on the
   // I/O thread (a callback may make calls, whose replies that thread reads).
-  void xRunEvents() {
+  void runEvents() {
     for (;;) {
       std::pair<std::string, KQValue> event;
       {

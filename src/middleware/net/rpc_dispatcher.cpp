@@ -88,13 +88,13 @@ std::string RpcDispatcher::handle(std::string_view text, RpcSubscriptions* subsc
       for (const json& request : document) {
         const std::size_t before = replies.size();
         if (before > 0) replies += ',';
-        xHandleOne(request, subscriptions, replies);
+        handleOne(request, subscriptions, replies);
         if (replies.size() == before + 1) replies.resize(before);  // a notification: no comma either
       }
       return replies.empty() ? std::string() : "[" + replies + "]";
     }
     std::string reply;
-    xHandleOne(document, subscriptions, reply);
+    handleOne(document, subscriptions, reply);
     return reply;
   } catch (const std::exception& e) {
     // Only running out of memory can land here; answer rather than drop.
@@ -102,7 +102,7 @@ std::string RpcDispatcher::handle(std::string_view text, RpcSubscriptions* subsc
   }
 }
 
-void RpcDispatcher::xHandleOne(const json& request, RpcSubscriptions* subscriptions, std::string& out) const {
+void RpcDispatcher::handleOne(const json& request, RpcSubscriptions* subscriptions, std::string& out) const {
   const auto refuse = [&out](const json& id, const std::string& message) {
     out += dumpJson(errorReply(id, kInvalidRequest, message));
   };
@@ -125,7 +125,7 @@ void RpcDispatcher::xHandleOne(const json& request, RpcSubscriptions* subscripti
     return refuse(id, "Invalid Request: \"params\" must be an array");
 
   try {
-    const KQValue result = xCall(method->get_ref<const std::string&>(), params, subscriptions);
+    const KQValue result = call(method->get_ref<const std::string&>(), params, subscriptions);
     if (isNotification) return;
     // Written straight to text, in the key order nlohmann would use.
     out += "{\"id\":";
@@ -139,7 +139,7 @@ void RpcDispatcher::xHandleOne(const json& request, RpcSubscriptions* subscripti
   }
 }
 
-KQValue RpcDispatcher::xCall(const std::string& name, const json* params, RpcSubscriptions* subscriptions) const {
+KQValue RpcDispatcher::call(const std::string& name, const json* params, RpcSubscriptions* subscriptions) const {
   if (name == "subscribe" || name == "unsubscribe") {
     if (subscriptions == nullptr)
       throw RpcFailure{kMethodNotFound, "Unknown method: " + name + " (events need a WebSocket at /ws)"};

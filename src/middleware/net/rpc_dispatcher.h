@@ -65,8 +65,8 @@ class RpcDispatcher {
  private:
   // One request object (or anything found where one should be); appends its
   // reply's text to out, nothing for a notification. No lock is held.
-  void xHandleOne(const nlohmann::json& request, RpcSubscriptions* subscriptions, std::string& out) const;
-  KQValue xCall(const std::string& method, const nlohmann::json* params, RpcSubscriptions* subscriptions) const;
+  void handleOne(const nlohmann::json& request, RpcSubscriptions* subscriptions, std::string& out) const;
+  KQValue call(const std::string& method, const nlohmann::json* params, RpcSubscriptions* subscriptions) const;
 
   std::shared_ptr<KQBroker> broker_;
 };

@@ -33,7 +33,7 @@ WebSocketSession::WebSocketSession(beast::tcp_stream&& stream, ServerContext& co
 
 WebSocketSession::~WebSocketSession() {
   context_.connections.remove(this);
-  xDropSubscriptions();
+  dropSubscriptions();
 }
 
 void WebSocketSession::run(http::request<http::string_body> request) {
@@ -47,24 +47,24 @@ void WebSocketSession::run(http::request<http::string_body> request) {
   ws_.set_option(timeout);
   ws_.read_message_max(context_.options.maxMessageBytes);
   ws_.async_accept(request, [self = shared_from_this()](beast::error_code ec) {
-    if (ec) return self->xFinish();
-    self->xRead();
+    if (ec) return self->finish();
+    self->read();
   });
 }
 
-void WebSocketSession::shutdown() { xFinish(); }
+void WebSocketSession::shutdown() { finish(); }
 
-void WebSocketSession::xRead() {
+void WebSocketSession::read() {
   if (finished_ || reading_) return;
   reading_ = true;
-  ws_.async_read(buffer_, [self = shared_from_this()](beast::error_code ec, std::size_t) { self->xOnRead(ec); });
+  ws_.async_read(buffer_, [self = shared_from_this()](beast::error_code ec, std::size_t) { self->onRead(ec); });
 }
 
-void WebSocketSession::xOnRead(beast::error_code ec) {
+void WebSocketSession::onRead(beast::error_code ec) {
   reading_ = false;
   if (finished_) return;
   // closed, timeout, message too big, reset: the connection is over.
-  if (ec) return xFinish();
+  if (ec) return finish();
   std::string text = beast::buffers_to_string(buffer_.data());
   buffer_.consume(buffer_.size());
   ++callsInFlight_;
@@ -72,57 +72,57 @@ void WebSocketSession::xOnRead(beast::error_code ec) {
   const bool posted = context_.pool.post([self, text = std::move(text)]() {
     std::string reply = self->context_.dispatcher.handle(text, self.get());
     asio::post(self->ws_.get_executor(),
-               [self, reply = std::move(reply)]() mutable { self->xCallDone(std::move(reply)); });
+               [self, reply = std::move(reply)]() mutable { self->callDone(std::move(reply)); });
   });
-  if (!posted) return xFinish();
-  if (callsInFlight_ < kMaxCallsInFlight) xRead();
+  if (!posted) return finish();
+  if (callsInFlight_ < kMaxCallsInFlight) read();
 }
 
-void WebSocketSession::xCallDone(std::string reply) {
+void WebSocketSession::callDone(std::string reply) {
   --callsInFlight_;
   if (finished_) return;
-  if (!reply.empty()) xSend(std::move(reply));
-  if (callsInFlight_ < kMaxCallsInFlight) xRead();
+  if (!reply.empty()) send(std::move(reply));
+  if (callsInFlight_ < kMaxCallsInFlight) read();
 }
 
-void WebSocketSession::xSend(std::string text) {
+void WebSocketSession::send(std::string text) {
   if (finished_) return;
   queuedBytes_ += text.size();
   if (queuedBytes_ > maxQueuedBytes_) {
-    KO_LOG(ko::log::warning, kLogCategory, "", "xSend", 0)
+    KO_LOG(ko::log::warning, kLogCategory, "", "send", 0)
         << "Closing a WebSocket client that left " << queuedBytes_ << " bytes unread.";
-    return xFinish();
+    return finish();
   }
   queue_.push_back(std::move(text));
-  if (!writing_) xWrite();
+  if (!writing_) write();
 }
 
-void WebSocketSession::xWrite() {
+void WebSocketSession::write() {
   writing_ = true;
   ws_.text(true);
   ws_.async_write(asio::buffer(queue_.front()), [self = shared_from_this()](beast::error_code ec, std::size_t) {
     self->writing_ = false;
     if (self->finished_) return;
-    if (ec) return self->xFinish();
+    if (ec) return self->finish();
     self->queuedBytes_ -= self->queue_.front().size();
     self->queue_.pop_front();
-    if (!self->queue_.empty()) self->xWrite();
+    if (!self->queue_.empty()) self->write();
   });
 }
 
-void WebSocketSession::xFinish() {
+void WebSocketSession::finish() {
   if (finished_) return;
   finished_ = true;
   queue_.clear();
   queuedBytes_ = 0;
-  xDropSubscriptions();
+  dropSubscriptions();
   beast::error_code ec;
   auto& socket = beast::get_lowest_layer(ws_).socket();
   socket.shutdown(asio::ip::tcp::socket::shutdown_both, ec);
   socket.close(ec);
 }
 
-void WebSocketSession::xDropSubscriptions() {
+void WebSocketSession::dropSubscriptions() {
   std::map<std::string, uint64_t> dropped;
   std::shared_ptr<KQProxy> memory;
   {
@@ -136,7 +136,7 @@ void WebSocketSession::xDropSubscriptions() {
     try {
       memory->unsubscribe(entry.second);
     } catch (const std::exception& e) {
-      KO_LOG(ko::log::warning, kLogCategory, "", "xDropSubscriptions", 0)
+      KO_LOG(ko::log::warning, kLogCategory, "", "dropSubscriptions", 0)
           << "Cannot unsubscribe from " << entry.first << ": " << e.what();
     }
   }
@@ -160,7 +160,7 @@ bool WebSocketSession::subscribe(const std::string& event) {
       if (!self) return;
       std::string text = RpcDispatcher::eventNotification(name, value);
       asio::post(self->ws_.get_executor(),
-                 [self, text = std::move(text)]() mutable { self->xSend(std::move(text)); });
+                 [self, text = std::move(text)]() mutable { self->send(std::move(text)); });
     });
   } catch (...) {
     std::lock_guard<std::mutex> lock(subscriptionMutex_);

@@ -57,14 +57,14 @@ class WebSocketSession : public Connection,
   bool unsubscribe(const std::string& event) override;
 
  private:
-  void xRead();
-  void xOnRead(boost::beast::error_code ec);
-  void xCallDone(std::string reply);
-  void xSend(std::string text);  // queues one message; I/O thread
-  void xWrite();
-  void xFinish();  // closes the socket and drops subscriptions; I/O thread
+  void read();
+  void onRead(boost::beast::error_code ec);
+  void callDone(std::string reply);
+  void send(std::string text);  // queues one message; I/O thread
+  void write();
+  void finish();  // closes the socket and drops subscriptions; I/O thread
   // Drops every subscription; takes subscriptionMutex_ itself (any thread).
-  void xDropSubscriptions();
+  void dropSubscriptions();
 
   boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
   boost::beast::flat_buffer buffer_;

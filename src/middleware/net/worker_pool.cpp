@@ -9,7 +9,7 @@ namespace net {
 WorkerPool::WorkerPool(int threads) {
   if (threads < 1) threads = 1;
   threads_.reserve(static_cast<std::size_t>(threads));
-  for (int i = 0; i < threads; ++i) threads_.emplace_back([this] { xRun(); });
+  for (int i = 0; i < threads; ++i) threads_.emplace_back([this] { run(); });
 }
 
 WorkerPool::~WorkerPool() { stop(); }
@@ -45,7 +45,7 @@ void WorkerPool::stop() {
   dropped.clear();
 }
 
-bool WorkerPool::xSpinForJob() {
+bool WorkerPool::spinForJob() {
   // One spinner at a time: the others sleep, so an idle burst costs at most
   // one core for kSpinWindow.
   int expected = 0;
@@ -63,10 +63,10 @@ bool WorkerPool::xSpinForJob() {
   return found;
 }
 
-void WorkerPool::xRun() {
+void WorkerPool::run() {
   for (;;) {
     Job job;
-    xSpinForJob();
+    spinForJob();
     {
       std::unique_lock<std::mutex> lock(mutex_);
       ready_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });

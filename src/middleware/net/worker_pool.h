@@ -43,10 +43,10 @@ class WorkerPool {
   void stop();
 
  private:
-  void xRun();  // the body of each worker thread; takes mutex_ itself
+  void run();  // the body of each worker thread; takes mutex_ itself
   // Watches queued_ for up to kSpinWindow unless another worker already
   // does; true when a job showed up. Takes no lock.
-  bool xSpinForJob();
+  bool spinForJob();
 
   static constexpr std::chrono::microseconds kSpinWindow{50};
 
