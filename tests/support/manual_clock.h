@@ -1,19 +1,14 @@
-// ManualClock: a controllable ko::os clock for tests, so that time stamps and
-// throttles (the 40 ms odometry throttle) are tested at exact instants
-// without sleeping.
+// ManualClock: a controllable ko::os clock, so that time stamps and throttles
+// (the 40 ms odometry throttle) are tested at exact instants without
+// sleeping. Construction installs it process-wide, destruction puts the
+// system clock back; time moves only when the test moves it (backwards too).
 //
-// RAII: construction installs the clock with ko::os::setClock, destruction
-// puts the system clock back. Time only moves when the test moves it. Only
-// one ManualClock should be alive at a time (the clock is process-wide).
-//
-// Threading: every member is safe from any thread (one internal mutex), so
-// code under test may read the clock on its own threads while the test
-// advances it.
+// Threading: safe from any thread (code under test reads it on its own).
 #ifndef KQ_TESTS_SUPPORT_MANUAL_CLOCK_H_
 #define KQ_TESTS_SUPPORT_MANUAL_CLOCK_H_
 
+#include <atomic>
 #include <cstdint>
-#include <mutex>
 
 #include "middleware/os.h"
 
@@ -22,8 +17,7 @@ namespace test {
 
 class ManualClock {
  public:
-  // 2023-11-14 22:13:20 UTC: far from the epoch, so that "seconds ago"
-  // arithmetic never goes negative.
+  // 2023-11-14 22:13:20 UTC: far from the epoch, so "seconds ago" stays positive.
   static constexpr int64_t kDefaultStartSeconds = 1'700'000'000;
 
   explicit ManualClock(int64_t seconds = kDefaultStartSeconds, int64_t microseconds = 0);
@@ -31,22 +25,15 @@ class ManualClock {
   ManualClock(const ManualClock&) = delete;
   ManualClock& operator=(const ManualClock&) = delete;
 
-  void advanceMilliseconds(int64_t milliseconds);
-  void advanceMicroseconds(int64_t microseconds);
-  void advanceSeconds(int64_t seconds);
-  // Jumps to an absolute time (backwards too: a clock set back by NTP).
-  void set(int64_t seconds, int64_t microseconds = 0);
+  void advanceMicroseconds(int64_t microseconds) { now_ += microseconds; }
+  void advanceMilliseconds(int64_t milliseconds) { now_ += milliseconds * 1000; }
+  void advanceSeconds(int64_t seconds) { now_ += seconds * 1000000; }
+  void set(int64_t seconds, int64_t microseconds = 0) { now_ = seconds * 1000000 + microseconds; }
   ko::os::timeval now() const;
-  // now() as seconds with the microseconds as a fraction.
-  double nowSeconds() const;
+  double nowSeconds() const { return static_cast<double>(now_.load()) * 1e-6; }
 
  private:
-  // Callers hold mutex_.
-  void xAddMicroseconds(int64_t microseconds);
-
-  mutable std::mutex mutex_;
-  int64_t seconds_;
-  int64_t microseconds_;
+  std::atomic<int64_t> now_;  // microseconds since the epoch
 };
 
 }  // namespace test

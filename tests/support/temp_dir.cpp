@@ -8,19 +8,14 @@
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
-#include <vector>
 
 namespace KQ {
 namespace test {
 
 TempDir::TempDir() {
-  std::string pattern = "/tmp/kqtest-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) {
-    throw std::runtime_error(std::string("mkdtemp failed: ") + std::strerror(errno));
-  }
-  path_ = buffer.data();
+  char pattern[] = "/tmp/kqtest-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) throw std::runtime_error(std::string("mkdtemp failed: ") + std::strerror(errno));
+  path_ = pattern;
 }
 
 namespace {
