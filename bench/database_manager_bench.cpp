@@ -1,15 +1,13 @@
-// KQDatabaseManager speed on a real file in a temporary folder:
-//  - inserting "positions" rows one by one (each its own commit) and grouped
-//    in one transaction, as storeObject and the memory watcher do;
-//  - the latest-values query (WHERE ObjectName=... ORDER BY TimeS DESC, first
-//    row) on a 1,000,000-row table, which must stay a search of the
-//    (ObjectName, TimeS) index however large the history grows.
-// The default run takes well under 30 s.
+// KQDatabaseManager speed on a real file: "positions" rows inserted each in its
+// own commit and in one transaction (as storeObject and the memory watcher do);
+// on a 1,000,000-row table, the latest-row and row-before-a-time queries, which
+// must stay searches of the (ObjectName, TimeS) index. Well under 30 s.
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -26,110 +24,84 @@ using KQ::KQValue;
 const int kObjects = 1000;
 const int kRowsPerObject = 1000;  // 1,000,000 rows in all
 
-std::string positionsColumns() {
-  ObjectCategory category("Bench");
-  ObjectAttribute positions("positions");
-  positions.addField("ObjectName", "text");
-  positions.addField("TimeS", "int");
-  positions.addField("TimeUS", "int");
-  positions.addField("ParentName", "text");
-  for (const char* name : {"QuatW", "QuatX", "QuatY", "QuatZ", "X", "Y", "Z"}) positions.addField(name, "float");
-  category.addAttribute(positions);
-  return category.getAttributeTable("positions");
-}
-
-KQValue pair(const std::string& column, const KQValue& value) {
-  return KQValue(std::vector<KQValue>{KQValue(column), value});
-}
-
-KQValue positionRow(const std::string& object, int timeS) {
-  return KQValue(std::vector<KQValue>{pair("ParentName", "World"), pair("QuatW", 1.0f), pair("QuatX", 0.0f),
-                                      pair("QuatY", 0.0f), pair("QuatZ", 0.0f), pair("X", 0.5f), pair("Y", 0.25f),
-                                      pair("Z", 1.0f), pair("ObjectName", object), pair("TimeS", timeS),
-                                      pair("TimeUS", 0)});
-}
-
-void BM_InsertEachItsOwnCommit(benchmark::State& state) {
-  KQ::test::TempDir dir;
-  KQDatabaseManager db(dir.file("Bench.sqlite"), true);
-  db.createTable("positions", positionsColumns());
-  KQValue row = positionRow("cup", 1700000000);
-  for (auto _ : state) {
-    if (db.insertRow("positions", row) != 0) state.SkipWithError("insert failed");
-  }
-  state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(BM_InsertEachItsOwnCommit)->MinTime(0.2);
-
-void BM_InsertInOneTransaction(benchmark::State& state) {
-  KQ::test::TempDir dir;
-  KQDatabaseManager db(dir.file("Bench.sqlite"), true);
-  db.createTable("positions", positionsColumns());
-  KQValue row = positionRow("cup", 1700000000);
-  const int batch = static_cast<int>(state.range(0));
-  for (auto _ : state) {
-    db.beginTransaction();
-    for (int i = 0; i < batch; ++i) db.insertRow("positions", row);
-    if (db.endTransaction() != 0) state.SkipWithError("commit failed");
-  }
-  state.SetItemsProcessed(state.iterations() * batch);
-}
-BENCHMARK(BM_InsertInOneTransaction)->Arg(1000)->MinTime(0.2);
-
-// The large table is built once, on first use, and shared by the queries.
-// The manager creates the table and its index; the million rows go in through
-// one INSERT ... SELECT on a plain connection (the manager takes no SQL of
-// that form), which keeps the default run short; the manager then reopens
-// the file as the module does at start-up.
-struct LargeTable {
-  LargeTable() {
-    const std::string path = dir.file("Large.sqlite");
-    KQDatabaseManager(path, true).createTable("positions", positionsColumns());
-    sqlite3* raw = nullptr;
-    sqlite3_open(path.c_str(), &raw);
-    const std::string fill =
-        "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < " +
-        std::to_string(kObjects * kRowsPerObject - 1) +
-        ") INSERT INTO positions SELECT 'obj' || (i % " + std::to_string(kObjects) + "), i / " +
-        std::to_string(kObjects) + ", 0, 'World', 1.0, 0.0, 0.0, 0.0, 0.5, 0.25, 1.0 FROM n";
-    if (sqlite3_exec(raw, fill.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) std::abort();
-    sqlite3_close(raw);
-    db = KQDatabaseManager(path, true);
-    db.load();
+// A manager on a fresh "positions" table, as the module's categories make it.
+struct PositionsTable {
+  explicit PositionsTable(const std::string& name) : db(dir.file(name), true) {
+    ObjectCategory category("Bench");
+    ObjectAttribute positions("positions");
+    for (const auto& [column, type] :
+         {std::pair{"ObjectName", "text"}, {"TimeS", "int"}, {"TimeUS", "int"}, {"ParentName", "text"}})
+      positions.addField(column, type);
+    for (const char* column : {"QuatW", "QuatX", "QuatY", "QuatZ", "X", "Y", "Z"}) positions.addField(column, "float");
+    category.addAttribute(positions);
+    db.createTable("positions", category.getAttributeTable("positions"));
   }
   KQ::test::TempDir dir;
   KQDatabaseManager db;
 };
 
-LargeTable& largeTable() {
-  static LargeTable* table = new LargeTable();  // left for process exit: benchmarks may run in any order
-  return *table;
+KQValue positionRow() {
+  const std::vector<std::pair<std::string, KQValue>> values{
+      {"ParentName", "World"}, {"QuatW", 1.0f}, {"QuatX", 0.0f}, {"QuatY", 0.0f}, {"QuatZ", 0.0f},     {"X", 0.5f},
+      {"Y", 0.25f},            {"Z", 1.0f},     {"ObjectName", "cup"}, {"TimeS", 1700000000}, {"TimeUS", 0}};
+  std::vector<KQValue> row;
+  for (const auto& [column, value] : values) row.push_back(KQValue(std::vector<KQValue>{KQValue(column), value}));
+  return KQValue(row);
 }
 
-void BM_LatestRowOfMillionRowTable(benchmark::State& state) {
-  KQDatabaseManager& db = largeTable().db;
+// batch 0: each row its own commit; otherwise `batch` rows per transaction.
+void BM_InsertPositions(benchmark::State& state) {
+  PositionsTable table("Bench.sqlite");
+  const KQValue row = positionRow();
+  const int batch = static_cast<int>(state.range(0));
+  for (auto _ : state) {
+    if (batch > 0) table.db.beginTransaction();
+    for (int i = 0; i < std::max(batch, 1); ++i)
+      if (table.db.insertRow("positions", row) != 0) state.SkipWithError("insert failed");
+    if (batch > 0 && table.db.endTransaction() != 0) state.SkipWithError("commit failed");
+  }
+  state.SetItemsProcessed(state.iterations() * std::max(batch, 1));
+}
+BENCHMARK(BM_InsertPositions)->ArgName("batch")->Arg(0)->Arg(1000)->MinTime(0.2);
+
+// Built once, on first use. The million rows go in through one INSERT ...
+// SELECT on a plain connection (the manager takes no SQL of that form), which
+// keeps the run short; the manager then reopens the file as at start-up.
+KQDatabaseManager& largeTable() {
+  static PositionsTable* table = [] {  // never destroyed: benchmarks may run in any order
+    auto* made = new PositionsTable("Large.sqlite");
+    const std::string path = made->dir.file("Large.sqlite");
+    sqlite3* raw = nullptr;
+    sqlite3_open(path.c_str(), &raw);
+    const std::string fill = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+                             std::to_string(kObjects * kRowsPerObject - 1) +
+                             ") INSERT INTO positions SELECT 'obj' || (i % " + std::to_string(kObjects) + "), i / " +
+                             std::to_string(kObjects) + ", 0, 'World', 1.0, 0.0, 0.0, 0.0, 0.5, 0.25, 1.0 FROM n";
+    if (sqlite3_exec(raw, fill.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) std::abort();
+    sqlite3_close(raw);
+    made->db = KQDatabaseManager(path, true);
+    made->db.load();
+    return made;
+  }();
+  return table->db;
+}
+
+// before 0: the latest row of an object; otherwise the row just before second
+// `before` (the query of positions in time), with the row after it.
+void BM_QueryMillionRowTable(benchmark::State& state) {
+  KQDatabaseManager& db = largeTable();
+  const int before = static_cast<int>(state.range(0));
+  const int expected = before > 0 ? before - 1 : kRowsPerObject - 1;
   int object = 0;
   for (auto _ : state) {
-    const std::string where = "ObjectName='obj" + std::to_string(object) + "'";
-    KQValue rows = db.selectWithOrder("positions", where, "TimeS DESC", "*", 0);
-    if (rows.getSize() != 1 || rows[0][1] != KQValue(kRowsPerObject - 1)) state.SkipWithError("wrong latest row");
+    std::string where = "ObjectName='obj" + std::to_string(object) + "'";
+    if (before > 0) where += " AND TimeS <" + std::to_string(before);
+    KQValue rows = db.selectWithOrder("positions", where, "TimeS DESC", "*", before > 0 ? 1 : 0);
+    if (rows.getSize() != (before > 0 ? 2 : 1) || rows[0][1] != KQValue(expected)) state.SkipWithError("wrong row");
     object = (object + 37) % kObjects;
   }
 }
-BENCHMARK(BM_LatestRowOfMillionRowTable)->MinTime(0.2);
-
-// The history query of positions in time: the row just before a moment.
-void BM_RowBeforeTimeOfMillionRowTable(benchmark::State& state) {
-  KQDatabaseManager& db = largeTable().db;
-  int object = 0;
-  for (auto _ : state) {
-    const std::string where = "ObjectName='obj" + std::to_string(object) + "' AND TimeS <500";
-    KQValue rows = db.selectWithOrder("positions", where, "TimeS DESC", "*", 1);
-    if (rows.getSize() != 2 || rows[0][1] != KQValue(499)) state.SkipWithError("wrong row before");
-    object = (object + 37) % kObjects;
-  }
-}
-BENCHMARK(BM_RowBeforeTimeOfMillionRowTable)->MinTime(0.2);
+BENCHMARK(BM_QueryMillionRowTable)->ArgName("before")->Arg(0)->Arg(500)->MinTime(0.2);
 
 }  // namespace
 

@@ -1,14 +1,8 @@
-// Round trips through the network front, measured against the transport's
-// floor in the same run: a bare Beast server that answers each message with
-// one of the reply's size, over the same kind of connection, with the same
-// client code. The figure that matters is the ratio rpc / floor (target:
-// median within 1.3x), since absolute times depend on the machine's load.
-//
-//   kq_bench_net_round_trip [round trips per figure, default 3000]
-//
-// Prints, for WebSocket and HTTP keep-alive: median and 90th percentile
-// round trip of a getPosition-like call and of the floor; then calls per
-// second with 1 and with 8 WebSocket clients, each on its own connection.
+// Round trips through the network front against the transport's floor in the same
+// run: a bare Beast server answering each message with one of the reply's size, same
+// connection kind, same client code; what matters is the ratio rpc / floor (target:
+// median within 1.3x). Usage: kq_bench_net_round_trip [round trips per figure, default
+// 3000]. Median and p90 round trip over WebSocket and HTTP keep-alive; calls/s, 1 and 8 clients.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -45,82 +39,63 @@ class PoseModule : public KQ::KQModule {
     functionName("getPosition", getName(), "Pose of name in reference.", 0);
     advertiseMethod(&PoseModule::getPosition);
   }
-  KQ::KQValue getPosition(const std::string& reference, const std::string& name) {
-    (void)reference;
-    (void)name;
-    KQ::KQValue pose;
-    pose.arrayPush(KQ::KQValue(std::vector<float>{0.70710677f, 0.0f, 0.0f, 0.70710677f}));
-    pose.arrayPush(KQ::KQValue(std::vector<float>{0.5f, -0.25f, 0.75f}));
-    return pose;
+  KQ::KQValue getPosition(const std::string& /*reference*/, const std::string& /*name*/) {
+    return std::vector<KQ::KQValue>{std::vector<float>{0.70710677f, 0.0f, 0.0f, 0.70710677f},
+                                    std::vector<float>{0.5f, -0.25f, 0.75f}};
   }
 };
 
 const std::string kRequest =
     R"({"jsonrpc":"2.0","method":"KQWorldRepresentation.getPosition","params":["World","cup"],"id":1})";
 
-// The floor: one I/O thread answering each WebSocket message, or each HTTP
-// request, with a fixed reply, the way the RPC server's I/O thread would if
-// it had no work to hand to a worker.
+// The floor: one I/O thread answering each WebSocket message or HTTP request with
+// a fixed reply, as the RPC server's I/O thread would with no work for a worker.
 class FloorServer {
  public:
-  explicit FloorServer(std::string reply) : reply_(std::move(reply)), acceptor_(io_) {
-    const tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), 0);
-    acceptor_.open(endpoint.protocol());
-    acceptor_.bind(endpoint);
-    acceptor_.listen();
-    port_ = acceptor_.local_endpoint().port();
+  explicit FloorServer(std::string reply)
+      : reply_(std::move(reply)), acceptor_(io_, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)) {
     accept();
     thread_ = std::thread([this] { io_.run(); });
   }
-  ~FloorServer() {
-    io_.stop();
-    thread_.join();
-  }
-  unsigned short port() const { return port_; }
+  ~FloorServer() { io_.stop(); thread_.join(); }
+  unsigned short port() const { return acceptor_.local_endpoint().port(); }
 
  private:
   struct Session : std::enable_shared_from_this<Session> {
-    Session(tcp::socket socket, const std::string& reply) : stream(std::move(socket)), reply(reply) {}
+    Session(tcp::socket socket, const std::string& reply) : stream(std::move(socket)), reply(reply) {
+      response.set(http::field::content_type, "application/json");
+      response.body() = reply;
+      response.prepare_payload();
+    }
     beast::tcp_stream stream;
     std::unique_ptr<websocket::stream<beast::tcp_stream>> ws;
     beast::flat_buffer buffer;
     http::request<http::string_body> request;
-    http::response<http::string_body> response;
+    http::response<http::string_body> response{http::status::ok, 11};  // HTTP/1.1, kept alive
     const std::string& reply;
 
+    // Reads a request: an upgrade starts the WebSocket loop, any other is answered and the next one read.
     void start() {
+      request = {};
       http::async_read(stream, buffer, request, [self = shared_from_this()](beast::error_code ec, std::size_t) {
         if (ec) return;
         if (websocket::is_upgrade(self->request)) {
           self->ws = std::make_unique<websocket::stream<beast::tcp_stream>>(std::move(self->stream));
+          self->ws->text(true);
           self->ws->async_accept(self->request, [self](beast::error_code e) {
             if (!e) self->readMessage();
           });
-        } else {
-          self->answerHttp();
+          return;
         }
-      });
-    }
-    void answerHttp() {
-      response = http::response<http::string_body>(http::status::ok, request.version());
-      response.set(http::field::content_type, "application/json");
-      response.body() = reply;
-      response.keep_alive(request.keep_alive());
-      response.prepare_payload();
-      http::async_write(stream, response, [self = shared_from_this()](beast::error_code ec, std::size_t) {
-        if (ec) return;
-        self->request = {};
-        http::async_read(self->stream, self->buffer, self->request,
-                         [self](beast::error_code e, std::size_t) {
-                           if (!e) self->answerHttp();
-                         });
+        http::async_write(self->stream, self->response, [self](beast::error_code e, std::size_t) {
+          if (!e) self->start();
+        });
       });
     }
     void readMessage() {
       ws->async_read(buffer, [self = shared_from_this()](beast::error_code ec, std::size_t) {
         if (ec) return;
         self->buffer.consume(self->buffer.size());
-        self->ws->text(true);
         self->ws->async_write(asio::buffer(self->reply), [self](beast::error_code e, std::size_t) {
           if (!e) self->readMessage();
         });
@@ -140,118 +115,84 @@ class FloorServer {
   std::string reply_;
   asio::io_context io_{1};
   tcp::acceptor acceptor_;
-  unsigned short port_ = 0;
   std::thread thread_;
 };
 
-// Synchronous clients: the same code measures the floor and the server.
-class WsClient {
+// A synchronous client, WebSocket or HTTP keep-alive (the WebSocket stream's
+// lowest layer alone): the same code measures the floor and the server.
+class Client {
  public:
-  explicit WsClient(unsigned short port) : ws_(io_) {
-    tcp::resolver resolver(io_);
-    beast::get_lowest_layer(ws_).connect(resolver.resolve("127.0.0.1", std::to_string(port)));
+  Client(unsigned short port, bool websocket) : websocket_(websocket), ws_(io_) {
+    beast::get_lowest_layer(ws_).connect(tcp::resolver(io_).resolve("127.0.0.1", std::to_string(port)));
     beast::get_lowest_layer(ws_).socket().set_option(tcp::no_delay(true));
+    if (!websocket_) return;
     ws_.handshake("127.0.0.1:" + std::to_string(port), "/ws");
     ws_.text(true);
   }
   std::size_t roundTrip(const std::string& text) {
-    ws_.write(asio::buffer(text));
     buffer_.consume(buffer_.size());
-    return ws_.read(buffer_);
-  }
-
- private:
-  asio::io_context io_;
-  websocket::stream<beast::tcp_stream> ws_;
-  beast::flat_buffer buffer_;
-};
-
-class HttpClient {
- public:
-  explicit HttpClient(unsigned short port) : stream_(io_) {
-    tcp::resolver resolver(io_);
-    stream_.connect(resolver.resolve("127.0.0.1", std::to_string(port)));
-    stream_.socket().set_option(tcp::no_delay(true));
-  }
-  std::size_t roundTrip(const std::string& text) {
+    if (websocket_) {
+      ws_.write(asio::buffer(text));
+      return ws_.read(buffer_);
+    }
     http::request<http::string_body> request(http::verb::post, "/rpc", 11);
     request.set(http::field::host, "127.0.0.1");
     request.set(http::field::content_type, "application/json");
     request.body() = text;
     request.prepare_payload();
-    http::write(stream_, request);
+    http::write(beast::get_lowest_layer(ws_), request);
     http::response<http::string_body> response;
-    http::read(stream_, buffer_, response);
+    http::read(beast::get_lowest_layer(ws_), buffer_, response);
     return response.body().size();
   }
 
  private:
+  const bool websocket_;
   asio::io_context io_;
-  beast::tcp_stream stream_;
+  websocket::stream<beast::tcp_stream> ws_;
   beast::flat_buffer buffer_;
 };
 
-struct Figures {
-  double median = 0;
-  double p90 = 0;
-};
-
-template <class Client>
-Figures measure(Client& client, int count) {
-  for (int i = 0; i < count / 10; ++i) client.roundTrip(kRequest);  // warm-up
-  std::vector<double> micros;
-  micros.reserve(static_cast<std::size_t>(count));
+// Round trips in microseconds, after a warm-up, added to `micros`.
+void measure(Client& client, int count, std::vector<double>& micros) {
+  for (int i = 0; i < count / 10; ++i) client.roundTrip(kRequest);
   for (int i = 0; i < count; ++i) {
     const auto start = Clock::now();
     client.roundTrip(kRequest);
     micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
-  std::sort(micros.begin(), micros.end());
-  return Figures{micros[micros.size() / 2], micros[micros.size() * 9 / 10]};
 }
 
-// Measures rpc and floor in alternating slices, so that a change in the
-// machine's load falls on both alike.
-template <class Client>
-void compare(const char* name, unsigned short rpcPort, unsigned short floorPort, int count) {
-  Client rpc(rpcPort);
-  Client floor(floorPort);
-  std::vector<double> rpcMedians, floorMedians, rpcP90, floorP90;
-  const int slices = 5;
-  for (int slice = 0; slice < slices; ++slice) {
-    const Figures f = measure(floor, count / slices);
-    const Figures r = measure(rpc, count / slices);
-    floorMedians.push_back(f.median);
-    floorP90.push_back(f.p90);
-    rpcMedians.push_back(r.median);
-    rpcP90.push_back(r.p90);
+// Floor and rpc in 5 alternating slices, so that a change in the machine's load falls on both alike.
+void compare(const char* name, bool websocket, unsigned short rpcPort, unsigned short floorPort, int count) {
+  Client rpc(rpcPort, websocket), floor(floorPort, websocket);
+  std::vector<double> r, f;
+  for (int slice = 0; slice < 5; ++slice) {
+    measure(floor, count / 5, f);
+    measure(rpc, count / 5, r);
   }
-  const auto middle = [](std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-  };
-  const double rpcMedian = middle(rpcMedians), floorMedian = middle(floorMedians);
+  std::sort(r.begin(), r.end());
+  std::sort(f.begin(), f.end());
+  const auto at = [](const std::vector<double>& v, double q) { return v[static_cast<std::size_t>(v.size() * q)]; };
   std::printf("%-10s round trip  rpc median %7.1f us  p90 %7.1f us | floor median %7.1f us  p90 %7.1f us | "
               "ratio %.2f (target <= 1.30)\n",
-              name, rpcMedian, middle(rpcP90), floorMedian, middle(floorP90), rpcMedian / floorMedian);
+              name, at(r, 0.5), at(r, 0.9), at(f, 0.5), at(f, 0.9), at(r, 0.5) / at(f, 0.5));
 }
 
 double callsPerSecond(unsigned short port, int clients, int callsEach) {
-  std::vector<std::unique_ptr<WsClient>> connections;
-  for (int i = 0; i < clients; ++i) connections.push_back(std::make_unique<WsClient>(port));
+  std::vector<std::unique_ptr<Client>> connections;
+  for (int i = 0; i < clients; ++i) connections.push_back(std::make_unique<Client>(port, true));
   std::atomic<bool> go{false};
   std::vector<std::thread> threads;
-  for (int i = 0; i < clients; ++i) {
-    threads.emplace_back([&, i] {
+  for (auto& connection : connections)
+    threads.emplace_back([&go, &connection, callsEach] {
       while (!go.load()) std::this_thread::yield();
-      for (int k = 0; k < callsEach; ++k) connections[static_cast<std::size_t>(i)]->roundTrip(kRequest);
+      for (int k = 0; k < callsEach; ++k) connection->roundTrip(kRequest);
     });
-  }
   const auto start = Clock::now();
   go = true;
   for (std::thread& thread : threads) thread.join();
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  return clients * callsEach / seconds;
+  return clients * callsEach / std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 }  // namespace
@@ -267,19 +208,13 @@ int main(int argc, char** argv) {
   server.start();
 
   // The floor answers with a reply of exactly the server's size.
-  std::string reply;
-  {
-    WsClient probe(server.port());
-    probe.roundTrip(kRequest);
-    HttpClient sized(server.port());
-    reply.assign(sized.roundTrip(kRequest), ' ');
-  }
+  const std::string reply(Client(server.port(), false).roundTrip(kRequest), ' ');
   FloorServer floor(reply);
 
   std::printf("request %zu bytes, reply %zu bytes, %d round trips per figure\n", kRequest.size(), reply.size(),
               count);
-  compare<WsClient>("websocket", server.port(), floor.port(), count);
-  compare<HttpClient>("http", server.port(), floor.port(), count);
+  compare("websocket", true, server.port(), floor.port(), count);
+  compare("http", false, server.port(), floor.port(), count);
   for (const int clients : {1, 8}) {
     const int each = std::max(50, count / clients);
     const double rpc = callsPerSecond(server.port(), clients, each);

@@ -10,7 +10,7 @@ PACKAGES=(
   liburdfdom-dev liburdfdom-headers-dev libtinyxml-dev libconsole-bridge-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-websockets curl
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev gcovr
 )
 
 missing=()
