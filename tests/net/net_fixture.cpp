@@ -1,10 +1,6 @@
 #include "net/net_fixture.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -46,7 +42,10 @@ void NetTestModule::openGate() {
   changed_.notify_all();
 }
 
-ProgramResult runProgram(const std::vector<std::string>& argv) {
+namespace {
+
+// Runs argv (searched in PATH); answers stdout and stderr together.
+std::string runProgram(const std::vector<std::string>& argv, int* exitCode = nullptr) {
   std::string command;
   for (const std::string& arg : argv) {  // each argument single-quoted for sh
     command += '\'';
@@ -54,40 +53,25 @@ ProgramResult runProgram(const std::vector<std::string>& argv) {
     command += "' ";
   }
   FILE* pipe = ::popen((command + "2>&1").c_str(), "r");
-  if (pipe == nullptr) return {};
-  ProgramResult result;
+  std::string out;
   char buffer[65536];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) result.out.append(buffer, n);
-  const int status = ::pclose(pipe);
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
+  for (std::size_t n; pipe != nullptr && (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) out.append(buffer, n);
+  const int status = pipe == nullptr ? -1 : ::pclose(pipe);
+  if (exitCode != nullptr) *exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return out;
 }
+
+}  // namespace
 
 HttpAnswer curl(const std::string& url, const std::string* body, const std::vector<std::string>& headers) {
   // The status goes last on its own line, after the body.
   std::vector<std::string> argv{"curl", "-s", "-S", "--max-time", "60", "-w", "\n%{http_code}", url};
   if (body != nullptr) argv.insert(argv.end(), {"--data-binary", *body});
   for (const std::string& header : headers) argv.insert(argv.end(), {"-H", header});
-  const ProgramResult result = runProgram(argv);
-  const std::size_t newline = result.out.rfind('\n');
-  if (newline == std::string::npos) return {0, result.out};
-  return {std::atoi(result.out.c_str() + newline + 1), result.out.substr(0, newline)};
-}
-
-std::string rawExchange(unsigned short port, const std::string& request, bool readReply) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  std::string reply;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-      ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size()) && readReply) {
-    char buffer[4096];
-    for (ssize_t n; (n = ::recv(fd, buffer, sizeof(buffer), 0)) > 0;) reply.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return reply;
+  const std::string out = runProgram(argv);
+  const std::size_t newline = out.rfind('\n');
+  if (newline == std::string::npos) return {0, out};
+  return {std::atoi(out.c_str() + newline + 1), out.substr(0, newline)};
 }
 
 void NetServerTest::SetUp() {
@@ -110,10 +94,13 @@ void NetServerTest::restartServer(net::RpcServerOptions options, unsigned short 
   server_->start();
 }
 
-ProgramResult NetServerTest::wsClient(const std::vector<std::string>& steps) {
+std::string NetServerTest::wsClient(const std::vector<std::string>& steps) {
   std::vector<std::string> argv{"/usr/bin/python3", KQ_SOURCE_DIR "/tests/net/ws_client.py", wsUrl()};
   argv.insert(argv.end(), steps.begin(), steps.end());
-  return runProgram(argv);
+  int exitCode = -1;
+  const std::string out = runProgram(argv, &exitCode);
+  EXPECT_EQ(exitCode, 0) << out;
+  return out;
 }
 
 }  // namespace KQ::test

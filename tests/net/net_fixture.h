@@ -1,7 +1,7 @@
 // The network suite's fixture: a broker hosting the real memory module
 // ("KQMemory") and NetTestModule ("NetTest"), served by a real RpcServer on
 // 127.0.0.1 at a port the system picks, driven by programs we did not write
-// (curl, python's websockets through ws_client.py) and by raw sockets.
+// (curl, and python's websockets and sockets through ws_client.py).
 #ifndef KQ_TESTS_NET_NET_FIXTURE_H_
 #define KQ_TESTS_NET_NET_FIXTURE_H_
 
@@ -44,13 +44,6 @@ class NetTestModule : public KQModule {
   int holding_ = 0, released_ = 0;
 };
 
-// Runs argv (searched in PATH); out holds stdout and stderr together.
-struct ProgramResult {
-  int exitCode = -1;
-  std::string out;
-};
-ProgramResult runProgram(const std::vector<std::string>& argv);
-
 struct HttpAnswer {
   int status = 0;  // 0 when curl got no answer; body then holds its complaint
   std::string body;
@@ -58,10 +51,6 @@ struct HttpAnswer {
 // curl: POST when `body` is given, else GET; headers as "Name: value".
 HttpAnswer curl(const std::string& url, const std::string* body,
                 const std::vector<std::string>& headers = {"Content-Type: application/json"});
-
-// Sends `request` on a new TCP connection to 127.0.0.1:port, then reads until
-// the server closes it (after `readReply` is false: closes at once).
-std::string rawExchange(unsigned short port, const std::string& request, bool readReply = true);
 
 class NetServerTest : public ::testing::Test {
  protected:
@@ -75,8 +64,8 @@ class NetServerTest : public ::testing::Test {
   unsigned short port() const { return server_->port(); }
   // POSTs one JSON-RPC text to /rpc and answers the reply's text.
   std::string post(const std::string& text) { return curl(rpcUrl(), &text).body; }
-  // ws_client.py at wsUrl() with these steps (see the script).
-  ProgramResult wsClient(const std::vector<std::string>& steps);
+  // ws_client.py at wsUrl() with these steps (see the script); its output.
+  std::string wsClient(const std::vector<std::string>& steps);
 
   std::shared_ptr<KQBroker> broker_;
   std::shared_ptr<KQMemoryModule> memory_;

@@ -1,16 +1,18 @@
-"""The network suite's WebSocket client (python's websockets package):
-    ws_client.py URL STEP...
-Steps, in order:
-    >TEXT       send TEXT
-    <           print the next message
-    <<          read until the server closes, print "closed CODE" ("still open"
-                after 30 s of silence)
-    post:TEXT   POST TEXT to /rpc of the same server, print the reply; meanwhile
-                nothing is read from the WebSocket
-    abort       drop the TCP connection without a close handshake, and stop
+"""The network suite's client, python's websockets package and plain sockets:
+    ws_client.py WS_URL STEP...
+Steps, in order (the WebSocket connects at the first step that needs it):
+    send:TEXT   send TEXT on the WebSocket
+    recv        print its next message
+    closed      read until the server closes it, print "closed CODE" ("still
+                open" after 30 s of silence)
+    abort       drop it without a close handshake, and stop
+    post:TEXT   POST TEXT to /rpc and print the reply, reading nothing else meanwhile
+    raw:TEXT    send TEXT on a new TCP connection, print repr() of all it gets until closed
+    drop:TEXT   send TEXT on a new TCP connection and close it at once
 """
 import asyncio
 import http.client
+import socket
 import sys
 import urllib.parse
 
@@ -18,29 +20,38 @@ import websockets
 
 
 async def main(url, steps):
-    ws = await websockets.connect(url, max_size=None, max_queue=1)
+    where = urllib.parse.urlsplit(url)
+    ws = None
     for step in steps:
-        if step.startswith(">"):
-            await ws.send(step[1:])
-        elif step == "<":
-            print(await asyncio.wait_for(ws.recv(), 60))
-        elif step == "<<":
-            try:
-                while True:
-                    await asyncio.wait_for(ws.recv(), 30)
-            except websockets.exceptions.ConnectionClosed as e:
-                print("closed", e.rcvd.code if e.rcvd else None)
-            except asyncio.TimeoutError:
-                print("still open")
-        elif step.startswith("post:"):
-            where = urllib.parse.urlsplit(url)
+        kind, _, text = step.partition(":")
+        if kind in ("raw", "drop"):
+            with socket.create_connection((where.hostname, where.port), timeout=60) as raw:
+                raw.sendall(text.encode())
+                if kind == "raw":
+                    print(repr(b"".join(iter(lambda: raw.recv(65536), b""))))
+        elif kind == "post":
             connection = http.client.HTTPConnection(where.hostname, where.port, timeout=120)
-            connection.request("POST", "/rpc", body=step[5:], headers={"Content-Type": "application/json"})
+            connection.request("POST", "/rpc", body=text, headers={"Content-Type": "application/json"})
             print(connection.getresponse().read().decode())
-        elif step == "abort":
-            ws.transport.abort()
-            return
-    await ws.close()
+        else:
+            ws = ws or await websockets.connect(url, max_size=None, max_queue=1)
+            if kind == "send":
+                await ws.send(text)
+            elif kind == "recv":
+                print(await asyncio.wait_for(ws.recv(), 60))
+            elif kind == "closed":
+                try:
+                    while True:
+                        await asyncio.wait_for(ws.recv(), 30)
+                except websockets.exceptions.ConnectionClosed as e:
+                    print("closed", e.rcvd.code if e.rcvd else None)
+                except asyncio.TimeoutError:
+                    print("still open")
+            elif kind == "abort":
+                ws.transport.abort()
+                return
+    if ws:
+        await ws.close()
 
 
 asyncio.run(main(sys.argv[1], sys.argv[2:]))
