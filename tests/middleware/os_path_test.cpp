@@ -1,17 +1,13 @@
-// ko::os and ko::path: the replaceable clock, thread names the kernel cuts at
-// 15 bytes, and which environment variable decides the data folder (made if
-// missing, reported if it cannot be made).
+// ko::os and ko::path: thread names the kernel cuts at 15 bytes, and which
+// environment variable decides the data folder (made if missing, reported if
+// it cannot be made).
 #include <gtest/gtest.h>
-
-#include <sys/time.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <thread>
-#include <tuple>
-#include <utility>
 
 #include "middleware/os.h"
 #include "middleware/path.h"
@@ -23,23 +19,6 @@ namespace {
 
 using namespace os;
 using namespace path;
-TEST(OsTest, InstalledClocksAreNormalisedAndRemovable) {
-  timeval t{};
-  for (const auto& [usec, sec, rest] : {std::tuple<long, long, long>{1'500'000, 11, 500'000}, {-1, 9, 999'999}}) {
-    setClock([usec = usec](timeval* tv) {
-      tv->tv_sec = 10;
-      tv->tv_usec = usec;
-    });
-    ASSERT_EQ(0, gettimeofday(&t));
-    EXPECT_EQ(std::make_pair(sec, rest), std::make_pair(static_cast<long>(t.tv_sec), static_cast<long>(t.tv_usec)));
-  }
-  // Case: an empty function restores the system clock.
-  setClock({});
-  gettimeofday(&t);
-  EXPECT_GT(t.tv_sec, 1'600'000'000);
-  EXPECT_EQ(-1, gettimeofday(nullptr));
-}
-
 TEST(OsTest, ThreadNamesAreCutToFifteenBytes) {
   const auto kept = [](const std::string& name) {
     std::string result;

@@ -1,14 +1,9 @@
-"""The network suite's client, python's websockets package and plain sockets:
-    ws_client.py WS_URL STEP...
-Steps, in order (the WebSocket connects at the first step that needs it):
-    send:TEXT   send TEXT on the WebSocket
-    recv        print its next message
-    closed      read until the server closes it, print "closed CODE" ("still
-                open" after 30 s of silence)
-    abort       drop it without a close handshake, and stop
-    post:TEXT   POST TEXT to /rpc and print the reply, reading nothing else meanwhile
-    raw:TEXT    send TEXT on a new TCP connection, print repr() of all it gets until closed
-    drop:TEXT   send TEXT on a new TCP connection and close it at once
+"""The network suite's client (python's websockets, http.client, sockets):
+    ws_client.py WS_URL STEP...   Steps, in order; the WebSocket connects when first needed:
+    send:TEXT, recv (print the next message), closed (read until closed; print "closed CODE",
+    or "still open" after 30 s of silence), abort (drop TCP without a close handshake, stop),
+    post:TEXT (POST to /rpc, print the reply; nothing else is read meanwhile),
+    raw:TEXT (on a new TCP connection; print repr() of all it gets), drop:TEXT (send, then close)
 """
 import asyncio
 import http.client
