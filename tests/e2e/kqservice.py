@@ -45,9 +45,7 @@ def free_port():
 
 def clean_env(**extra):
     """Our environment without the variables that would change what is tested."""
-    env = {k: v for k, v in os.environ.items() if k not in ("KQ_TOKEN", "KQ_URL")}
-    env.update(extra)
-    return env
+    return dict({k: v for k, v in os.environ.items() if k not in ("KQ_TOKEN", "KQ_URL")}, **extra)
 
 
 class FolderTest(unittest.TestCase):
@@ -107,8 +105,7 @@ class Service:
         self.stderr.close()
         shutil.rmtree(self.folder, ignore_errors=True)
 
-    def __enter__(self):
-        return self.start()
+    __enter__ = start
 
     def __exit__(self, *exc):
         try:

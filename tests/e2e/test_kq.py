@@ -1,7 +1,6 @@
-"""The kq client against the real binary: how it reads arguments, how it
-fails (status 1 for a failed call or connection, 2 for a bad command line,
-with the reason on stderr), help, and its long-running commands ending
-cleanly on Ctrl-C."""
+"""The kq client against the real binary: how it reads arguments, how it fails (1 for a
+failed call or connection, 2 for a bad command line, the reason on stderr), help, and
+its long-running commands ending cleanly on Ctrl-C."""
 
 import signal
 import subprocess

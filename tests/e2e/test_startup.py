@@ -25,8 +25,7 @@ class StartFailuresTest(FolderTest):
             taken.listen(1)
             port = taken.getsockname()[1]
             for args, status, line in [
-                    # A second instance on a running one's port must not reset
-                    # the first one's databases (checked below: nothing was made).
+                    # A second instance on a running one's port must not reset its databases (see below).
                     (["--port", str(port)], 1, "Cannot listen on 127.0.0.1:%d: Address already in use" % port),
                     (["--data-dir", below_a_file], 1, "Cannot use data directory %s: Not a directory" % below_a_file),
                     (["--host", "0.0.0.0"], 1, "Refusing to listen on 0.0.0.0 without a token: anyone on the network "
