@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/checks.h"
+
 namespace KQ {
 namespace {
 
@@ -81,12 +83,8 @@ TEST(RobotModelTest, RefusesDescriptionsItCannotUseWithOneSentence) {
                   </robot>)", ": joint a mimics itself through a cycle"},
   };
   for (const auto& r : refusals) {
-    try {
-      RobotModel::fromText(r.xml, "Torso", "test.urdf");
-      ADD_FAILURE() << r.xml;
-    } catch (const RobotModelError& e) {
-      EXPECT_EQ(std::string(e.what()).rfind("Cannot read robot description test.urdf" + r.message, 0), 0u) << e.what();
-    }
+    const std::string what = test::errorOf([&] { RobotModel::fromText(r.xml, "Torso", "test.urdf"); });
+    EXPECT_EQ(what.rfind("Cannot read robot description test.urdf" + r.message, 0), 0u) << what;
   }
   EXPECT_THROW(RobotModel::fromFile(kRobotFile, "Chest"), RobotModelError);  // no such torso link
 }
