@@ -232,32 +232,32 @@ TEST_F(WorldObjectsTest, RobotFramesJointsAndTheRootAreNotMovedByCallers) {
 }
 
 TEST_F(WorldObjectsTest, SavedMovesGiveThePoseOfThePast) {
-  // World -- table, at start + 0.9 s (2, 0, 0), at start + 10 (4, 0, 0)
-  //       -- cup, at start + 0.9 s (1, 0, 0), at start + 10 (3, 0, 0) a quarter turn
+  // World -- table, a row at start + 0.9 s (2, 0, 0); moved unsaved at start + 10 to (4, 0, 0), an eighth turn
+  //       -- cup, rows at start + 0.9 s (1, 0, 0) and start + 10 (3, 0, 0), a quarter turn
   // The present is start + 20.
   const int64_t start = ManualClock::kDefaultStartSeconds;
   clock_.set(start, 900000);
   ASSERT_EQ(0, store("table", "World", pose6D(2, 0, 0)) + store("cup", "table", pose6D(1, 0, 0)));
   clock_.set(start + 10);
   ASSERT_EQ(0, world().updatePosition("cup", pose6D(3, 0, 0, kHalfPi), true) +
-                   world().updatePosition("table", pose6D(4, 0, 0), true));
+                   world().updatePosition("table", pose6D(4, 0, 0, kHalfPi / 2), false));
   clock_.set(start + 20);
   const std::vector<float> present = world().getPosition6D("World", "cup");
-  // Case: linear, halfway on both edges (TimeUS is never read, so halfway is
-  // start + 5); rotations are not interpolated: none at all.
-  expectFloatsNear(pose6D(5, 0, 0), world().getPosition6DAtTime("World", "cup", 15, 1));
+  // Case: linear at start + 5: the table has no later row, so its present pose; the cup halfway, (2, 0, 0)
+  // (TimeUS is never read), keeps the table's rotation as its own: a quarter turn in all.
+  expectFloatsNear(pose6D(4 + std::sqrt(2.0f), std::sqrt(2.0f), 0, kHalfPi),
+                   world().getPosition6DAtTime("World", "cup", 15, 1));
   // Case: nearest at start + 7, upwards: the cup's later row inverted with its translation only negated,
   // (-3, 0, 0), not rotated back to (0, 3, 0); the table's (-4, 0, 0) is then turned by the working
-  // rotation to (0, 4, 0). The exact answer would be (0, 7, 0).
-  expectFloatsNear(pose6D(-3, 4, 0, -kHalfPi), world().getPosition6DAtTime("cup", "World", 13, 0));
+  // rotation to (0, 4, 0).
+  expectFloatsNear(pose6D(-3, 4, 0, -3 * kHalfPi / 2), world().getPosition6DAtTime("cup", "World", 13, 0));
   // Case: before the first row, at the second of the last one (rows of the
   // requested second are neither earlier nor later), and now: the present.
   for (int ago : {25, 10, 0}) expectFloatsNear(present, world().getPosition6DAtTime("World", "cup", ago, 1));
   EXPECT_TRUE(worldLog().empty()) << ::testing::PrintToString(worldLog());
-  // Case: a wrong type is said once per edge with both rows, which keeps its present pose.
+  // Case: a wrong type is said by the edge with both rows, which keeps its present pose.
   expectFloatsNear(present, world().getPosition6DAtTime("World", "cup", 15, 2));
-  EXPECT_EQ(std::vector<std::string>(2, "error xInterpolate: Wrong interpolation type: 2. Must be 0 or 1."),
-            worldLog());
+  EXPECT_EQ(std::vector<std::string>{"error xInterpolate: Wrong interpolation type: 2. Must be 0 or 1."}, worldLog());
 
   // Case: a category whose file is gone when the world is loaded again gets
   // an empty database from the first query that meets it, and keeps it.
