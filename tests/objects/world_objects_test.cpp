@@ -24,6 +24,12 @@ using Rows = std::vector<std::vector<std::string>>;
 
 std::vector<float> pose6D(float x, float y, float z, float yaw = 0.0f) { return {x, y, z, 0, 0, yaw}; }
 
+// 3x4 row by row: a turn of `yaw` about z, then (x, y, z).
+std::vector<float> yawTransform(float yaw, float x, float y, float z) {
+  const float c = std::cos(yaw), s = std::sin(yaw);
+  return {c, -s, 0, x, s, c, 0, y, 0, 0, 1, z};
+}
+
 KQValue attribute(const std::string& name, const std::string& field, const KQValue& value) {
   return list({list({name, list({list({field, value})})})});
 }
@@ -71,6 +77,23 @@ TEST_F(WorldObjectsTest, StoredObjectsAreFoundByName) {
   EXPECT_EQ((Rows{{"table", "1700000000", "250", "0.0", "0.5", "0.0"}}), history("cup"));
   EXPECT_EQ(1, rows("cup", "weight"));
   EXPECT_TRUE(worldLog().empty()) << ::testing::PrintToString(worldLog());
+}
+
+TEST_F(WorldObjectsTest, PosesThroughTheRobotsLiveFrames) {
+  // World -> Robot (odometry (1, 2), yaw pi/2) -> Robot_Torso (z 0.3) -> HeadYaw (z 0.2, yaw pi/2); cup at (3, 2, 0).
+  motion().setTransform("Torso", 2, yawTransform(0, 0, 0, 0.3f));
+  motion().setTransform("HeadYaw", 0, yawTransform(kHalfPi, 0, 0, 0.2f));
+  motion().setRobotPosition(1, 2, kHalfPi);
+  clock_.advanceMilliseconds(41);  // past the odometry throttle
+  ASSERT_EQ(0, store("cup", "World", pose6D(3, 2, 0)));
+  // Case: down through odometry, torso and joint.
+  expectFloatsNear(pose6D(1, 2, 0.5f, -2 * kHalfPi), world().getPosition6D("World", "HeadYaw"));  // yaw pi reads as -pi
+  // Case: up through the live frames, then down: 2 m ahead of the robot is 2 m to its right.
+  expectFloatsNear(pose6D(0, -2, -0.3f, -kHalfPi), world().getPosition6D("Robot_Torso", "cup"));
+  // Case: the odometry moves; the next query after the throttle sees it.
+  motion().setRobotPosition(0, 0, 0);
+  clock_.advanceMilliseconds(41);
+  expectFloatsNear(pose6D(0, 0, 0.5f, kHalfPi), world().getPosition6D("World", "HeadYaw"));
 }
 
 TEST_F(WorldObjectsTest, RefusalsSayWhyAndChangeNothing) {
