@@ -1,18 +1,12 @@
 // LogCapture: catches every log record for one test, so that the test can
 // assert exact texts ("Object cup already exists.") rather than "something
-// was logged".
-//
-// RAII: construction makes a ko::log::CaptureSink the only sink (nothing is
-// written to stderr meanwhile) and raises the default level to 6 (debug), so
-// that verbose notes of the code under test are caught too; destruction puts
-// back the sinks, the default level and every category's own level as they
-// were. setLevel() changes a category's level until then.
-//
-// Threading: the accessors are safe from any thread (the sink has its own
-// mutex); construction and destruction belong to the test's own thread.
+// was logged". While it lives, its sink is the only one (nothing reaches
+// stderr) and the default level is debug; destruction puts back the sinks and
+// every level as they were.
 #ifndef KQ_TESTS_SUPPORT_LOG_CAPTURE_H_
 #define KQ_TESTS_SUPPORT_LOG_CAPTURE_H_
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -20,46 +14,59 @@
 
 #include "middleware/log.h"
 
-namespace KQ {
-namespace test {
+namespace KQ::test {
 
 class LogCapture {
  public:
-  LogCapture();
-  ~LogCapture();
+  LogCapture() {
+    ko::log::setSinks({sink_});
+    ko::log::setDefaultLevel(ko::log::debug);
+  }
+  ~LogCapture() {
+    for (const auto& entry : ko::log::getCategoryLevels()) ko::log::clearCategoryLevel(entry.first);
+    for (const auto& entry : savedCategoryLevels_) ko::log::setCategoryLevel(entry.first, entry.second);
+    ko::log::setDefaultLevel(savedDefaultLevel_);
+    ko::log::setSinks(savedSinks_);
+  }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // Every record so far, in order.
-  std::vector<ko::log::Record> records() const;
-  // Messages only, in order.
-  std::vector<std::string> messages() const;
-  // Records of `category` (and of `function`, when not empty).
-  std::vector<ko::log::Record> find(const std::string& category, const std::string& function = "") const;
-  // Messages of records with this function (any category), in order.
-  std::vector<std::string> messagesOf(const std::string& function) const;
-  // True when some record has exactly this level, function and message.
-  bool contains(int level, const std::string& function, const std::string& message) const;
-  // Number of records at `level` (any category).
-  size_t count(int level) const;
-  // Each record as "<level name> <category> <function>: <message>", handy for
-  // one EXPECT_EQ over a whole story and for readable failure output.
-  std::vector<std::string> lines() const;
-  void clear();
-
-  // Sets a category's level for the rest of the test.
-  void setLevel(const std::string& category, int level);
-
+  std::vector<ko::log::Record> records() const { return sink_->records(); }
+  std::vector<std::string> messages() const { return sink_->messages(); }
+  std::vector<std::string> messagesOf(const std::string& function) const {
+    std::vector<std::string> out;
+    for (const auto& r : records())
+      if (r.function == function) out.push_back(r.message);
+    return out;
+  }
+  bool contains(int level, const std::string& function, const std::string& message) const {
+    const auto records = this->records();
+    return std::any_of(records.begin(), records.end(), [&](const ko::log::Record& r) {
+      return r.level == level && r.function == function && r.message == message;
+    });
+  }
+  size_t count(int level) const {
+    const auto records = this->records();
+    return std::count_if(records.begin(), records.end(), [&](const ko::log::Record& r) { return r.level == level; });
+  }
+  // Each record as "<level name> <category> <function>: <message>".
+  std::vector<std::string> lines() const {
+    std::vector<std::string> out;
+    for (const auto& r : records())
+      out.push_back(std::string(ko::log::levelName(r.level)) + " " + r.category + " " + r.function + ": " + r.message);
+    return out;
+  }
+  void clear() { sink_->clear(); }
+  void setLevel(const std::string& category, int level) { ko::log::setCategoryLevel(category, level); }
   const std::shared_ptr<ko::log::CaptureSink>& sink() const { return sink_; }
 
  private:
-  std::shared_ptr<ko::log::CaptureSink> sink_;
-  std::vector<std::shared_ptr<ko::log::Sink>> savedSinks_;
-  int savedDefaultLevel_;
-  std::vector<std::pair<std::string, int>> savedCategoryLevels_;
+  std::shared_ptr<ko::log::CaptureSink> sink_ = std::make_shared<ko::log::CaptureSink>();
+  std::vector<std::shared_ptr<ko::log::Sink>> savedSinks_ = ko::log::getSinks();
+  int savedDefaultLevel_ = ko::log::getDefaultLevel();
+  std::vector<std::pair<std::string, int>> savedCategoryLevels_ = ko::log::getCategoryLevels();
 };
 
-}  // namespace test
-}  // namespace KQ
+}  // namespace KQ::test
 
 #endif  // KQ_TESTS_SUPPORT_LOG_CAPTURE_H_

@@ -1,10 +1,10 @@
 #include "support/recording_memory_module.h"
 
+#include <algorithm>
+
 #include "middleware/error.h"
 
-namespace KQ {
-namespace test {
-
+namespace KQ::test {
 namespace {
 
 [[noreturn]] void refuse(const std::string& method, const std::string& message) {
@@ -12,9 +12,6 @@ namespace {
 }
 
 }  // namespace
-
-RecordingMemoryModule::RecordingMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name)
-    : KQMemoryModule(std::move(broker), name) {}
 
 KQValue RecordingMemoryModule::getData(const std::string& key) {
   if (getDataFails_) refuse("getData", "memory refused to read " + key);
@@ -27,7 +24,6 @@ std::vector<std::string> RecordingMemoryModule::getDataList(const std::string& f
 }
 
 void RecordingMemoryModule::declareEvent(const std::string& name) {
-  if (++declareCalls_ == declareFailsAt_) refuse("declareEvent", "memory refused to declare " + name);
   KQMemoryModule::declareEvent(name);
   std::lock_guard<std::mutex> lock(mutex_);
   declared_.push_back(name);
@@ -54,9 +50,7 @@ std::vector<std::pair<std::string, KQValue>> RecordingMemoryModule::raisedEvents
 
 int RecordingMemoryModule::raisedCount(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  int count = 0;
-  for (const auto& event : raised_) count += event.first == name ? 1 : 0;
-  return count;
+  return std::count_if(raised_.begin(), raised_.end(), [&](const auto& event) { return event.first == name; });
 }
 
 KQValue RecordingMemoryModule::lastRaised(const std::string& name) const {
@@ -72,11 +66,4 @@ void RecordingMemoryModule::clearRecords() {
   raised_.clear();
 }
 
-bool RecordingMemoryModule::hasData(const std::string& key) {
-  for (const std::string& found : KQMemoryModule::getDataList(key))
-    if (found == key) return true;
-  return false;
-}
-
-}  // namespace test
-}  // namespace KQ
+}  // namespace KQ::test

@@ -5,16 +5,9 @@
 #include "middleware/broker.h"
 #include "middleware/error.h"
 
-namespace KQ {
-namespace test {
+namespace KQ::test {
 
-namespace {
-
-const std::vector<float> kIdentityTransform = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
-
-}  // namespace
-
-ScriptedMotionModule::ScriptedMotionModule(std::shared_ptr<KQ::KQBroker> broker, const std::string& name)
+ScriptedMotionModule::ScriptedMotionModule(std::shared_ptr<KQBroker> broker, const std::string& name)
     : KQModule(std::move(broker), name) {
   functionName("getBodyNames", getName(), "Names of the robot's body parts in a group.", 0);
   advertiseMethod(&ScriptedMotionModule::getBodyNames);
@@ -29,17 +22,13 @@ ScriptedMotionModule::ScriptedMotionModule(std::shared_ptr<KQ::KQBroker> broker,
       static_cast<void (ScriptedMotionModule::*)(const std::vector<float>&)>(&ScriptedMotionModule::setRobotPosition));
 }
 
-ScriptedMotionModule::~ScriptedMotionModule() = default;
-
 void ScriptedMotionModule::xRefuse(const std::string& method, const std::string& message) const {
   throw KQError(getName(), method, message, "", 0);
 }
 
 bool ScriptedMotionModule::xIsKnown(const std::string& name) const {
-  if (std::find(bodyNames_.begin(), bodyNames_.end(), name) != bodyNames_.end()) return true;
-  for (const auto& entry : transforms_)
-    if (entry.first.first == name) return true;
-  return false;
+  return std::find(bodyNames_.begin(), bodyNames_.end(), name) != bodyNames_.end() ||
+         std::any_of(transforms_.begin(), transforms_.end(), [&](const auto& t) { return t.first.first == name; });
 }
 
 std::vector<std::string> ScriptedMotionModule::getBodyNames(const std::string& /*group*/) {
@@ -48,21 +37,18 @@ std::vector<std::string> ScriptedMotionModule::getBodyNames(const std::string& /
   return bodyNames_;
 }
 
-std::vector<float> ScriptedMotionModule::getTransform(const std::string& name, const int& space,
-                                                      const bool& /*useSensors*/) {
+std::vector<float> ScriptedMotionModule::getTransform(const std::string& name, const int& space, const bool&) {
   std::lock_guard<std::mutex> lock(mutex_);
-  ++transformCalls_[name];
   if (unknown_.count(name) != 0) xRefuse("getTransform", "Unknown body part " + name);
   if (space < 0 || space > 2) xRefuse("getTransform", "Invalid space " + std::to_string(space));
   auto it = transforms_.find(std::make_pair(name, space));
   if (it != transforms_.end()) return it->second;
-  if (xIsKnown(name)) return kIdentityTransform;
+  if (xIsKnown(name)) return {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
   xRefuse("getTransform", "Unknown body part " + name);
 }
 
 std::vector<float> ScriptedMotionModule::getRobotPosition(const bool& /*useSensors*/) {
   std::lock_guard<std::mutex> lock(mutex_);
-  ++robotPositionCalls_;
   if (robotPositionFails_) xRefuse("getRobotPosition", "Could not read the robot position");
   return robotPosition_;
 }
@@ -100,10 +86,7 @@ void ScriptedMotionModule::setUnknown(const std::string& name) {
   unknown_.insert(name);
 }
 
-void ScriptedMotionModule::setRobotPosition(float x, float y, float theta) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  robotPosition_ = {x, y, theta};
-}
+void ScriptedMotionModule::setRobotPosition(float x, float y, float theta) { setRobotPosition({x, y, theta}); }
 
 void ScriptedMotionModule::setRobotPositionFails(bool fails) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -115,22 +98,10 @@ void ScriptedMotionModule::setBodyNamesThrows(bool throws) {
   bodyNamesThrows_ = throws;
 }
 
-int ScriptedMotionModule::getTransformCalls(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = transformCalls_.find(name);
-  return it == transformCalls_.end() ? 0 : it->second;
-}
-
-int ScriptedMotionModule::getRobotPositionCalls() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return robotPositionCalls_;
-}
-
 float ScriptedMotionModule::getAngle(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = angles_.find(name);
   return it == angles_.end() ? 0.0f : it->second;
 }
 
-}  // namespace test
-}  // namespace KQ
+}  // namespace KQ::test

@@ -7,10 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <system_error>
 
-namespace KQ {
-namespace test {
+namespace KQ::test {
+namespace fs = std::filesystem;
 
 TempDir::TempDir() {
   char pattern[] = "/tmp/kqtest-XXXXXX";
@@ -22,15 +21,11 @@ namespace {
 
 // A test may have taken the rights away from a folder (to make a write fail);
 // give them back, top down, so that removal can walk in.
-void restoreRights(const std::filesystem::path& folder) {
+void restoreRights(const fs::path& folder) {
   std::error_code ignored;
-  std::filesystem::permissions(folder, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
-                               ignored);
-  std::filesystem::directory_iterator it(folder, ignored);
-  if (ignored) return;
-  for (const auto& entry : it) {
+  fs::permissions(folder, fs::perms::owner_all, fs::perm_options::add, ignored);
+  for (const auto& entry : fs::directory_iterator(folder, ignored))
     if (entry.is_directory(ignored) && !entry.is_symlink(ignored)) restoreRights(entry.path());
-  }
 }
 
 }  // namespace
@@ -38,19 +33,14 @@ void restoreRights(const std::filesystem::path& folder) {
 TempDir::~TempDir() {
   std::error_code ignored;
   restoreRights(path_);
-  std::filesystem::remove_all(path_, ignored);
+  fs::remove_all(path_, ignored);
 }
 
-std::string TempDir::file(const std::string& name) const { return path_ + "/" + name; }
-
 std::string TempDir::writeFile(const std::string& name, const std::string& content) const {
-  std::string target = file(name);
-  std::filesystem::create_directories(std::filesystem::path(target).parent_path());
-  std::ofstream out(target, std::ios::binary | std::ios::trunc);
-  out << content;
-  if (!out) throw std::runtime_error("cannot write " + target);
+  const std::string target = file(name);
+  fs::create_directories(fs::path(target).parent_path());
+  if (!(std::ofstream(target, std::ios::binary) << content)) throw std::runtime_error("cannot write " + target);
   return target;
 }
 
-}  // namespace test
-}  // namespace KQ
+}  // namespace KQ::test

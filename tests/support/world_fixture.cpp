@@ -1,38 +1,24 @@
 #include "support/world_fixture.h"
 
-#include <exception>
-
 #include "middleware/path.h"
 
-namespace KQ {
-namespace test {
-
-const char* const WorldFixture::kGhostJoint = "LWristGhost";
-
-const std::vector<std::string>& WorldFixture::defaultBodyNames() {
-  static const std::vector<std::string> names = {"Torso", "HeadYaw", "LShoulderPitch", "RShoulderPitch",
-                                                 kGhostJoint};
-  return names;
-}
+namespace KQ::test {
 
 void WorldFixture::SetUp() {
   tempDir_ = std::make_unique<TempDir>();
-  dataDir_ = tempDir_->path();
-  ko::path::setComponentDataPath("worldrepresentation", dataDir_);
+  ko::path::setComponentDataPath("worldrepresentation", dataDir());
   logs_ = std::make_unique<LogCapture>();
-
   broker_ = std::make_shared<KQBroker>("kqtest");
-  motion_ = KQ::KQModule::createModule<ScriptedMotionModule>(broker_, "KQMotion");
-  motion_->setBodyNames(defaultBodyNames());
-  motion_->setUnknown(kGhostJoint);
-  memory_ = KQ::KQModule::createModule<RecordingMemoryModule>(broker_, "KQMemory");
-
+  motion_ = KQModule::createModule<ScriptedMotionModule>(broker_, "KQMotion");
+  motion_->setBodyNames({"Torso", "HeadYaw", "LShoulderPitch", "RShoulderPitch", "LWristGhost"});
+  motion_->setUnknown("LWristGhost");
+  memory_ = KQModule::createModule<RecordingMemoryModule>(broker_, "KQMemory");
   configureModules();
   if (createWorldInSetUp()) createWorld();
 }
 
 void WorldFixture::createWorld() {
-  world_ = KQ::KQModule::createModule<KQWorldRepresentation>(broker_, "KQWorldRepresentation");
+  world_ = KQModule::createModule<KQWorldRepresentation>(broker_, "KQWorldRepresentation");
 }
 
 void WorldFixture::destroyWorld() {
@@ -61,14 +47,9 @@ void WorldFixture::TearDown() {
 
 std::vector<std::string> WorldFixture::worldLog() const {
   std::vector<std::string> lines;
-  for (const ko::log::Record& record : logs_->find("KQWorldRepresentation"))
+  for (const ko::log::Record& record : logs_->sink()->find("KQWorldRepresentation"))
     lines.push_back(std::string(ko::log::levelName(record.level)) + " " + record.function + ": " + record.message);
   return lines;
 }
 
-std::string WorldFixture::databasePath(const std::string& category) const {
-  return dataDir_ + "/" + category + ".sqlite";
-}
-
-}  // namespace test
-}  // namespace KQ
+}  // namespace KQ::test

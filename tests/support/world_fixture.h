@@ -1,30 +1,18 @@
 // WorldFixture: a running KQWorldRepresentation for module tests, on a real
 // broker, with a scripted robot body ("KQMotion") and a recording memory
-// module ("KQMemory"), its category databases in a fresh temporary data
-// directory.
+// module ("KQMemory"), its category databases in a fresh data directory.
 //
 // After SetUp the world holds what init() builds from the default body:
+// World > Robot (odometry edge) > Robot_Torso ("Torso" in space 2) > HeadYaw,
+// LShoulderPitch, RShoulderPitch, and LWristGhost (listed by the body, but
+// unknown to getTransform: identity).
 //
-//   World
-//   `-- Robot                      (odometry edge)
-//       `-- Robot_Torso            (motion edge, "Torso" in space 2)
-//           |-- HeadYaw
-//           |-- LShoulderPitch
-//           |-- RShoulderPitch
-//           `-- LWristGhost        (listed by the body, no transform: identity)
-//
-// Hooks: override configureModules() to script the body or arm the memory
-// module's faults before the world exists; override createWorldInSetUp() to
-// return false and call createWorld() yourself (e.g. to expect it to throw).
-// destroyWorld() + createWorld() restart the module on the same data
-// directory. Logs from the world's creation on are in logs().
-//
-// TearDown exits and drops the world first, then the other modules and the
-// broker, and removes the data directory last.
+// Hooks: configureModules() scripts the body or arms faults before the world
+// exists; createWorldInSetUp() returning false leaves createWorld() to the
+// test. destroyWorld() + createWorld() restart on the same data directory.
 #ifndef KQ_TESTS_SUPPORT_WORLD_FIXTURE_H_
 #define KQ_TESTS_SUPPORT_WORLD_FIXTURE_H_
 
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,46 +27,30 @@
 #include "support/scripted_motion_module.h"
 #include "support/temp_dir.h"
 
-namespace KQ {
-namespace test {
+namespace KQ::test {
 
 class WorldFixture : public ::testing::Test {
- public:
-  // The default body as the motion module reports it ("Torso" included, it
-  // gets no joint node of its own).
-  static const std::vector<std::string>& defaultBodyNames();
-  // A body part in the default body that the motion module cannot resolve.
-  static const char* const kGhostJoint;  // "LWristGhost"
-
  protected:
   void SetUp() override;
   void TearDown() override;
-
-  // Called after the motion and memory modules exist, before the world.
   virtual void configureModules() {}
   virtual bool createWorldInSetUp() { return true; }
 
-  // Creates the world module (init() runs); a KQError from init reaches the caller.
-  void createWorld();
-  // exit() and destruction of the world; the data directory stays.
-  void destroyWorld();
+  void createWorld();   // a KQError from init reaches the caller
+  void destroyWorld();  // exit() and destruction; the data directory stays
 
   KQWorldRepresentation& world() { return *world_; }
-  std::shared_ptr<KQWorldRepresentation> worldPtr() { return world_; }
   RecordingMemoryModule& memory() { return *memory_; }
   ScriptedMotionModule& motion() { return *motion_; }
   LogCapture& logs() { return *logs_; }
-  // The world's own log lines (category "KQWorldRepresentation") so far, each
-  // as "<level name> <function>: <message>".
+  // The world's own log lines so far, each as "<level name> <function>: <message>".
   std::vector<std::string> worldLog() const;
   std::shared_ptr<KQBroker> broker() { return broker_; }
-  const std::string& dataDir() const { return dataDir_; }
-  // dataDir() + "/" + category + ".sqlite"
-  std::string databasePath(const std::string& category) const;
+  const std::string& dataDir() const { return tempDir_->path(); }
+  std::string databasePath(const std::string& category) const { return dataDir() + "/" + category + ".sqlite"; }
 
  private:
   std::unique_ptr<TempDir> tempDir_;
-  std::string dataDir_;
   std::unique_ptr<LogCapture> logs_;
   std::shared_ptr<KQBroker> broker_;
   std::shared_ptr<ScriptedMotionModule> motion_;
@@ -86,7 +58,6 @@ class WorldFixture : public ::testing::Test {
   std::shared_ptr<KQWorldRepresentation> world_;
 };
 
-}  // namespace test
-}  // namespace KQ
+}  // namespace KQ::test
 
 #endif  // KQ_TESTS_SUPPORT_WORLD_FIXTURE_H_
