@@ -2,44 +2,22 @@
 
 #include <sys/wait.h>
 
-#include <chrono>
 #include <cstdio>
 
 namespace KQ::test {
 
 NetTestModule::NetTestModule(std::shared_ptr<KQBroker> broker, const std::string& name)
     : KQModule(std::move(broker), name) {
-  functionName("add", getName(), "Adds two ints.", 0);
-  advertiseMethod(&NetTestModule::add);
-  functionName("echo", getName(), "Returns its argument.", 0);
-  advertiseMethod(&NetTestModule::echo);
-  functionName("fail", getName(), "Refuses with the given message.", 0);
-  advertiseMethod(&NetTestModule::fail);
-  functionName("failOddly", getName(), "Throws something that is not a KQError.", 0);
-  advertiseMethod(&NetTestModule::failOddly);
-  functionName("hold", getName(), "Waits until the test opens the gate.", 0);
-  advertiseMethod(&NetTestModule::hold);
-  functionName("ping", getName(), "Answers pong.", 0);
-  advertiseMethod(&NetTestModule::ping);
-}
-
-int NetTestModule::hold() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  ++holding_;
-  changed_.notify_all();
-  changed_.wait(lock, [&] { return open_; });
-  return ++released_;
-}
-
-bool NetTestModule::waitHolding(int count) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return holding_ >= count; });
-}
-
-void NetTestModule::openGate() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  open_ = true;
-  changed_.notify_all();
+  const auto bind = [this](const char* method, const char* description, auto member) {
+    functionName(method, getName(), description, 0);
+    advertiseMethod(member);
+  };
+  bind("add", "Adds two ints.", &NetTestModule::add);
+  bind("echo", "Returns its argument.", &NetTestModule::echo);
+  bind("fail", "Refuses with the given message.", &NetTestModule::fail);
+  bind("failOddly", "Throws something that is not a KQError.", &NetTestModule::failOddly);
+  bind("hold", "Waits until the test opens the gate.", &NetTestModule::hold);
+  bind("ping", "Answers pong.", &NetTestModule::ping);
 }
 
 namespace {
@@ -72,13 +50,6 @@ HttpAnswer curl(const std::string& url, const std::string* body, const std::vect
   const std::size_t newline = out.rfind('\n');
   if (newline == std::string::npos) return {0, out};
   return {std::atoi(out.c_str() + newline + 1), out.substr(0, newline)};
-}
-
-void NetServerTest::SetUp() {
-  broker_ = std::make_shared<KQBroker>("net-test");
-  memory_ = KQModule::createModule<KQMemoryModule>(broker_, "KQMemory");
-  module_ = KQModule::createModule<NetTestModule>(broker_, "NetTest");
-  restartServer();
 }
 
 void NetServerTest::TearDown() {

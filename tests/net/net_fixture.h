@@ -5,6 +5,7 @@
 #ifndef KQ_TESTS_NET_NET_FIXTURE_H_
 #define KQ_TESTS_NET_NET_FIXTURE_H_
 
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -24,7 +25,7 @@ namespace KQ::test {
 
 // What the network must carry: ints, any value, refusals (a KQError and a
 // foreign exception), and a call that waits until the test opens the gate,
-// as a world-model call waits on the graph lock. Safe from any thread.
+// as a world-model call waits on the graph lock.
 class NetTestModule : public KQModule {
  public:
   NetTestModule(std::shared_ptr<KQBroker> broker, const std::string& name);
@@ -33,9 +34,22 @@ class NetTestModule : public KQModule {
   void fail(const std::string& message) { throw KQError(getName(), "fail", message); }
   void failOddly() { throw std::runtime_error("something odd"); }
   std::string ping() { return "pong"; }
-  int hold();                   // waits for openGate(); answers how many returned
-  bool waitHolding(int count);  // at most 20 s, until `count` hold calls have begun
-  void openGate();              // for good: every hold call returns
+  int hold() {  // answers how many hold calls returned
+    std::unique_lock<std::mutex> lock(mutex_);
+    ++holding_;
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return open_; });
+    return ++released_;
+  }
+  bool waitHolding(int count) {  // at most 20 s, until `count` hold calls have begun
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return holding_ >= count; });
+  }
+  void openGate() {  // for good
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
 
  private:
   std::mutex mutex_;
@@ -54,7 +68,7 @@ HttpAnswer curl(const std::string& url, const std::string* body,
 
 class NetServerTest : public ::testing::Test {
  protected:
-  void SetUp() override;
+  void SetUp() override { restartServer(); }
   void TearDown() override;
   // Replaces the running server by one with these options, on `port` (0: any).
   void restartServer(net::RpcServerOptions options = {}, unsigned short port = 0);
@@ -62,14 +76,13 @@ class NetServerTest : public ::testing::Test {
   std::string rpcUrl() const { return baseUrl() + "/rpc"; }
   std::string wsUrl() const { return "ws://127.0.0.1:" + std::to_string(port()) + "/ws"; }
   unsigned short port() const { return server_->port(); }
-  // POSTs one JSON-RPC text to /rpc and answers the reply's text.
-  std::string post(const std::string& text) { return curl(rpcUrl(), &text).body; }
+  std::string post(const std::string& text) { return curl(rpcUrl(), &text).body; }  // the reply's text
   // ws_client.py at wsUrl() with these steps (see the script); its output.
   std::string wsClient(const std::vector<std::string>& steps);
 
-  std::shared_ptr<KQBroker> broker_;
-  std::shared_ptr<KQMemoryModule> memory_;
-  std::shared_ptr<NetTestModule> module_;
+  std::shared_ptr<KQBroker> broker_ = std::make_shared<KQBroker>("net-test");
+  std::shared_ptr<KQMemoryModule> memory_ = KQModule::createModule<KQMemoryModule>(broker_, "KQMemory");
+  std::shared_ptr<NetTestModule> module_ = KQModule::createModule<NetTestModule>(broker_, "NetTest");
   std::unique_ptr<net::RpcServer> server_;
 };
 

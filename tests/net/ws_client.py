@@ -1,10 +1,8 @@
-"""The network suite's client (python's websockets, http.client, sockets):
-    ws_client.py WS_URL STEP...   Steps, in order; the WebSocket connects when first needed:
-    send:TEXT, recv (print the next message), closed (read until closed; print "closed CODE",
-    or "still open" after 30 s of silence), abort (drop TCP without a close handshake, stop),
-    post:TEXT (POST to /rpc, print the reply; nothing else is read meanwhile),
-    raw:TEXT (on a new TCP connection; print repr() of all it gets), drop:TEXT (send, then close)
-"""
+"""ws_client.py WS_URL STEP...: steps in order; the WebSocket connects when first needed.
+send:TEXT; recv (print the next message); closed (read until closed, print "closed CODE", or "still open"
+after 30 s of silence); abort (drop TCP without a close handshake, stop); post:TEXT (POST to /rpc, print
+the reply, reading nothing else meanwhile); raw:TEXT (new TCP connection, print repr() of all it gets);
+drop:TEXT (send on a new TCP connection, then close)."""
 import asyncio
 import http.client
 import socket
