@@ -1,8 +1,7 @@
-// Round trips through the network front against the transport's floor in the same
-// run: a bare Beast server answering each message with one of the reply's size, same
-// connection kind, same client code; what matters is the ratio rpc / floor (target:
-// median within 1.3x). Usage: kq_bench_net_round_trip [round trips per figure, default
-// 3000]. Median and p90 round trip over WebSocket and HTTP keep-alive; calls/s, 1 and 8 clients.
+// Round trips through the network front against a bare Beast server answering each
+// message with one of the reply's size (same connection kind, same client code); what
+// matters is the ratio rpc / floor (target: median within 1.3x). Usage:
+// kq_bench_net_round_trip [round trips per figure, default 3000].
 #include <algorithm>
 #include <atomic>
 #include <chrono>

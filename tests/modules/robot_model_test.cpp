@@ -68,14 +68,13 @@ TEST(RobotModelTest, ClampsToLimitsAndMimicJointsFollowTheirMaster) {
   EXPECT_EQ(model.position("Yaw"), -1.5f);
 }
 
+// Unknown links and a missing torso link are e2e's (test_robot.py), as the service reports them.
 TEST(RobotModelTest, RefusesDescriptionsItCannotUseWithOneSentence) {
   const std::string links = R"(<robot name="r"><link name="Torso"/><link name="A"/>)";
   const struct {
     std::string xml, message;  // message: the start of what() after "test.urdf"
   } refusals[] = {
       {"this is not a robot", ": "},
-      {R"(<robot name="r"><link name="Torso"/><joint name="j" type="fixed"><parent link="Torso"/>
-          <child link="Nowhere"/></joint></robot>)", ": "},
       {links + R"(<joint name="j" type="continuous"><parent link="Torso"/><child link="A"/><mimic joint="ghost"/>
                   </joint></robot>)", ": joint j mimics unknown joint ghost"},
       {links + R"(<link name="B"/><joint name="a" type="continuous"><parent link="Torso"/><child link="A"/><mimic joint="b"/></joint>
@@ -86,7 +85,6 @@ TEST(RobotModelTest, RefusesDescriptionsItCannotUseWithOneSentence) {
     const std::string what = test::errorOf([&] { RobotModel::fromText(r.xml, "Torso", "test.urdf"); });
     EXPECT_EQ(what.rfind("Cannot read robot description test.urdf" + r.message, 0), 0u) << what;
   }
-  EXPECT_THROW(RobotModel::fromFile(kRobotFile, "Chest"), RobotModelError);  // no such torso link
 }
 
 }  // namespace
