@@ -41,11 +41,11 @@ struct PositionsTable {
 };
 
 KQValue positionRow() {
-  const std::vector<std::pair<std::string, KQValue>> values{
-      {"ParentName", "World"}, {"QuatW", 1.0f}, {"QuatX", 0.0f}, {"QuatY", 0.0f}, {"QuatZ", 0.0f},     {"X", 0.5f},
-      {"Y", 0.25f},            {"Z", 1.0f},     {"ObjectName", "cup"}, {"TimeS", 1700000000}, {"TimeUS", 0}};
   std::vector<KQValue> row;
-  for (const auto& [column, value] : values) row.push_back(KQValue(std::vector<KQValue>{KQValue(column), value}));
+  for (const auto& [column, value] : std::vector<std::pair<const char*, KQValue>>{
+           {"ParentName", "World"}, {"QuatW", 1.0f}, {"QuatX", 0.0f}, {"QuatY", 0.0f}, {"QuatZ", 0.0f}, {"X", 0.5f},
+           {"Y", 0.25f}, {"Z", 1.0f}, {"ObjectName", "cup"}, {"TimeS", 1700000000}, {"TimeUS", 0}})
+    row.push_back(KQValue(std::vector<KQValue>{KQValue(column), value}));
   return KQValue(row);
 }
 
