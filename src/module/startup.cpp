@@ -3,6 +3,7 @@
 #include <boost/make_shared.hpp>
 #include <exception>
 
+#include "middleware/error.h"
 #include "middleware/memory_proxy.h"
 #include "middleware/motion_proxy.h"
 #include "module/module_log.h"
@@ -101,8 +102,20 @@ void KQWorldRepresentation::addJoint(const std::string& name) {
 
 void KQWorldRepresentation::exit() {
   stopMemoryCheck();
-  save();
+  // A save that fails (data folder gone, disk full, archive unwritable) is
+  // logged and reported once the module base has exited, so that the
+  // process still stops and ends with a status that says so.
+  std::string failure;
+  try {
+    if (save() != 0) failure = "the world was busy and could not be saved";
+  } catch (const std::exception& e) {
+    failure = e.what();
+  }
+  if (!failure.empty()) {
+    KQWR_ERROR("exit") << "Could not save the world: " << failure;
+  }
   KQModule::exit();
+  if (!failure.empty()) throw KQError(getName(), "exit", "Could not save the world: " + failure, "", 0);
 }
 
 }  // namespace KQ

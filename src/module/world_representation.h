@@ -139,6 +139,9 @@ class KQWorldRepresentation : public KQModule {
   int xLoadDatabases() REQUIRES(objectLock_, graphLock_, categoryLock_, jointLock_);
 
   // --- category operations.
+  // False, with the error line naming `function`, for a name that could
+  // reach outside the data folder (src/storage/name_rules.h). Takes no lock.
+  bool validCategoryName(const char* function, const std::string& category) const;
   int xAddAttributeToCategory(const std::string& category, const std::string& attribute, const KQValue& fields)
       REQUIRES(categoryLock_);
   std::string xGetObjectCategory(const std::string& objectName) const REQUIRES_SHARED(objectLock_, graphLock_);
