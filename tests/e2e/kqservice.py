@@ -1,7 +1,6 @@
 """Helpers of the end-to-end tests: run the real kqworldrepresentation binary
-on 127.0.0.1 with a free port and a temporary data folder, and talk to it with
-clients we did not write (the standard library's http.client, curl, the
-websockets package).
+on 127.0.0.1 with a free port and a data folder of its own, and talk to it
+with clients we did not write (http.client, curl, websockets) and with kq.
 
 Every test script is run as
     python3 test_x.py --binary PATH --kq PATH [--source-dir DIR] [unittest args]
@@ -20,10 +19,7 @@ import tempfile
 import time
 import unittest
 
-BINARY = None
-KQ = None
-SOURCE_DIR = None
-
+BINARY = KQ = SOURCE_DIR = None
 # The machine running the tests may be busy building: starts are given time.
 START_TIMEOUT = 90.0
 STOP_TIMEOUT = 60.0
@@ -37,9 +33,7 @@ def main():
     parser.add_argument("--kq", required=True)
     parser.add_argument("--source-dir", default=os.path.join(os.path.dirname(__file__), "..", ".."))
     ours, rest = parser.parse_known_args()
-    BINARY = os.path.abspath(ours.binary)
-    KQ = os.path.abspath(ours.kq)
-    SOURCE_DIR = os.path.abspath(ours.source_dir)
+    BINARY, KQ, SOURCE_DIR = (os.path.abspath(p) for p in (ours.binary, ours.kq, ours.source_dir))
     unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
 
 
@@ -49,181 +43,118 @@ def free_port():
         return probe.getsockname()[1]
 
 
-class RpcError(Exception):
-    def __init__(self, code, message):
-        super().__init__("%s %s" % (code, message))
-        self.code = code
-        self.message = message
+def clean_env(**extra):
+    """Our environment without the variables that would change what is tested."""
+    return dict({k: v for k, v in os.environ.items() if k not in ("KQ_TOKEN", "KQ_URL")}, **extra)
+
+
+class FolderTest(unittest.TestCase):
+    """A test with a temporary folder of its own (self.folder)."""
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="kqe2e-")
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+
+    def write(self, name, text):
+        path = os.path.join(self.folder, name)
+        with open(path, "w") as f:
+            f.write(text)
+        return path
 
 
 class Service:
-    """One kqworldrepresentation process. Use as a context manager, or call
-    start() and stop(). Its stderr goes to a file (stderr_text())."""
+    """One kqworldrepresentation process; a context manager, or start() and
+    close(). Its stderr goes to a file (stderr_text())."""
 
-    def __init__(self, *extra, data_dir=None, env=None, token=None, port=None):
-        self.port = port or free_port()
+    def __init__(self, *extra, env=None, token=None):
+        self.port = free_port()
         self.url = "http://127.0.0.1:%d" % self.port
         self.token = token
-        self._own_folder = tempfile.mkdtemp(prefix="kqe2e-")
-        self.data_dir = data_dir or os.path.join(self._own_folder, "data")
-        self.extra = list(extra)
-        self.env = dict(os.environ)
-        self.env.pop("KQ_TOKEN", None)
-        if env:
-            self.env.update(env)
+        self.folder = tempfile.mkdtemp(prefix="kqe2e-")
+        self.data_dir = os.path.join(self.folder, "data")
+        self.command = [BINARY, "--port", str(self.port), "--data-dir", self.data_dir] + list(extra)
+        self.command += ["--token", token] if token else []
+        self.env = clean_env(**(env or {}))
         self.process = None
-        self._stderr_path = os.path.join(self._own_folder, "stderr.log")
-        self.returncode = None
-
-    def command(self):
-        command = [BINARY, "--port", str(self.port), "--data-dir", self.data_dir] + self.extra
-        if self.token:
-            command += ["--token", self.token]
-        return command
 
     def start(self):
-        self._stderr = open(self._stderr_path, "wb")
-        self.process = subprocess.Popen(self.command(), stdout=subprocess.DEVNULL, stderr=self._stderr,
-                                        env=self.env)
+        self.stderr = open(os.path.join(self.folder, "stderr.log"), "wb")
+        self.process = subprocess.Popen(self.command, stdout=subprocess.DEVNULL, stderr=self.stderr, env=self.env)
         deadline = time.monotonic() + START_TIMEOUT
-        while time.monotonic() < deadline:
-            if self.process.poll() is not None:
-                self._abandon()
-                raise AssertionError("service ended at start with %s: %s" % (self.returncode, self.stderr_text()))
+        while time.monotonic() < deadline and self.process.poll() is None:
             try:
-                # Any HTTP answer means the server listens (a 401 too: the
-                # test may be about the token).
-                self.post(json.dumps({"jsonrpc": "2.0", "id": 0, "method": "broker.modules"}))
+                self.post("{}")  # any answer means it listens (a 401 too: the test may be about the token)
                 return self
             except (OSError, http.client.HTTPException):
                 time.sleep(0.1)
-        self._abandon()
-        raise AssertionError("service did not answer within %s s: %s" % (START_TIMEOUT, self.stderr_text()))
-
-    def _abandon(self):
-        if self.process.poll() is None:
-            self.process.kill()
-        self.returncode = self.process.wait()
-        self.process = None
-        self._stderr.close()
+        self.close()
+        raise AssertionError("service did not start: %s" % self.stderr_text())
 
     def stop(self, sig=signal.SIGTERM):
-        if self.process is None:
-            return self.returncode
-        if self.process.poll() is None:
-            self.process.send_signal(sig)
-            try:
-                self.process.wait(STOP_TIMEOUT)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
-                raise AssertionError("service did not stop on %s: %s" % (sig, self.stderr_text()))
-        self.returncode = self.process.returncode
-        self.process = None
-        self._stderr.close()
-        return self.returncode
+        """Sends sig; returns the exit status."""
+        self.process.send_signal(sig)
+        try:
+            return self.process.wait(STOP_TIMEOUT)
+        except subprocess.TimeoutExpired:
+            raise AssertionError("service did not stop on %s: %s" % (sig, self.stderr_text()))
 
-    def cleanup(self):
-        if self.process is not None:
+    def close(self):
+        if self.process is not None and self.process.poll() is None:
             self.process.kill()
             self.process.wait()
-            self.process = None
-        shutil.rmtree(self._own_folder, ignore_errors=True)
+        self.stderr.close()
+        shutil.rmtree(self.folder, ignore_errors=True)
 
-    def __enter__(self):
-        try:
-            return self.start()
-        except BaseException:
-            self.cleanup()
-            raise
+    __enter__ = start
 
     def __exit__(self, *exc):
         try:
-            if self.process is not None:
+            if self.process.poll() is None:
                 self.stop()
         finally:
-            self.cleanup()
-        return False
+            self.close()
 
     def stderr_text(self):
-        try:
-            with open(self._stderr_path, "rb") as f:
-                return f.read().decode("utf-8", "replace")
-        except OSError:
-            return ""
+        with open(os.path.join(self.folder, "stderr.log"), "rb") as f:
+            return f.read().decode("utf-8", "replace")
 
-    # --- HTTP with the standard library.
-
-    def post(self, body, headers=None, path="/rpc"):
-        """Raw POST; returns (status, headers dict, body bytes)."""
+    def post(self, body, headers=None):
+        """POST to /rpc with the standard library; returns (status, body bytes)."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
         try:
             all_headers = {"Content-Type": "application/json"}
-            if self.token:
-                all_headers["Authorization"] = "Bearer " + self.token
-            all_headers.update(headers or {})
-            if isinstance(body, str):
-                body = body.encode("utf-8")
-            connection.request("POST", path, body=body, headers=all_headers)
+            all_headers.update({"Authorization": "Bearer " + self.token} if self.token else {})
+            connection.request("POST", "/rpc", body=body.encode("utf-8"), headers=dict(all_headers, **(headers or {})))
             response = connection.getresponse()
-            return response.status, dict(response.getheaders()), response.read()
+            return response.status, response.read()
         finally:
             connection.close()
 
-    def rpc(self, method, params=None, request_id=1):
-        """One JSON-RPC request; returns the decoded reply object."""
-        request = {"jsonrpc": "2.0", "id": request_id, "method": method}
-        if params is not None:
-            request["params"] = params
-        status, _, body = self.post(json.dumps(request))
-        if status != 200:
-            raise RpcError(status, body.decode("utf-8", "replace"))
-        return json.loads(body)
-
     def call(self, method, *params):
-        reply = self.rpc(method, list(params))
+        """One JSON-RPC call; returns its result, raises AssertionError on any error."""
+        status, body = self.post(json.dumps({"jsonrpc": "2.0", "id": 1, "method": method, "params": list(params)}))
+        reply = json.loads(body) if status == 200 else {"error": status}
         if "error" in reply:
-            raise RpcError(reply["error"]["code"], reply["error"]["message"])
+            raise AssertionError("%s failed: %s" % (method, reply["error"]))
         return reply["result"]
 
     def world(self, method, *params):
         return self.call("KQWorldRepresentation." + method, *params)
 
 
-def run_kq(*args, url=None, token=None, timeout=60, check=True):
+def run_kq(*args, url=None, token=None, check=True):
     """Runs the kq client; returns the CompletedProcess."""
-    command = [KQ] + list(args)
-    if url:
-        command += ["--url", url]
-    if token:
-        command += ["--token", token]
-    env = dict(os.environ)
-    env.pop("KQ_URL", None)
-    env.pop("KQ_TOKEN", None)
-    done = subprocess.run(command, capture_output=True, text=True, timeout=timeout, env=env)
+    command = [KQ] + list(args) + (["--url", url] if url else []) + (["--token", token] if token else [])
+    done = subprocess.run(command, capture_output=True, text=True, timeout=60, env=clean_env())
     if check and done.returncode != 0:
         raise AssertionError("kq %s failed (%d): %s" % (" ".join(args), done.returncode, done.stderr))
     return done
 
 
-def run_curl(url, body, headers=None, timeout=60):
-    """POSTs with curl; returns (HTTP status, body text)."""
-    command = ["curl", "-s", "-o", "-", "-w", "\n%{http_code}", "-X", "POST", url, "--data-binary", body]
-    for name, value in (headers or {"Content-Type": "application/json"}).items():
-        command += ["-H", "%s: %s" % (name, value)]
-    done = subprocess.run(command, capture_output=True, text=True, timeout=timeout)
-    text, _, status = done.stdout.rpartition("\n")
-    return int(status), text
-
-
-def start_failure(*args, env=None, timeout=60):
-    """Runs the binary expecting it to refuse to start; returns
-    (status, stderr lines)."""
-    full_env = dict(os.environ)
-    full_env.pop("KQ_TOKEN", None)
-    if env:
-        full_env.update(env)
-    done = subprocess.run([BINARY] + list(args), capture_output=True, text=True, timeout=timeout, env=full_env)
+def start_failure(*args, env=None):
+    """Runs the binary expecting it to refuse to start; returns (status, stderr lines)."""
+    done = subprocess.run([BINARY] + list(args), capture_output=True, text=True, timeout=60,
+                          env=clean_env(**(env or {})))
     return done.returncode, [line for line in done.stderr.splitlines() if line.strip()]
 
 

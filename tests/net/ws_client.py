@@ -1,0 +1,52 @@
+"""The network suite's client (python's websockets, http.client, sockets):
+    ws_client.py WS_URL STEP...   Steps, in order; the WebSocket connects when first needed:
+    send:TEXT, recv (print the next message), closed (read until closed; print "closed CODE",
+    or "still open" after 30 s of silence), abort (drop TCP without a close handshake, stop),
+    post:TEXT (POST to /rpc, print the reply; nothing else is read meanwhile),
+    raw:TEXT (on a new TCP connection; print repr() of all it gets), drop:TEXT (send, then close)
+"""
+import asyncio
+import http.client
+import socket
+import sys
+import urllib.parse
+
+import websockets
+
+
+async def main(url, steps):
+    where = urllib.parse.urlsplit(url)
+    ws = None
+    for step in steps:
+        kind, _, text = step.partition(":")
+        if kind in ("raw", "drop"):
+            with socket.create_connection((where.hostname, where.port), timeout=60) as raw:
+                raw.sendall(text.encode())
+                if kind == "raw":
+                    print(repr(b"".join(iter(lambda: raw.recv(65536), b""))))
+        elif kind == "post":
+            connection = http.client.HTTPConnection(where.hostname, where.port, timeout=120)
+            connection.request("POST", "/rpc", body=text, headers={"Content-Type": "application/json"})
+            print(connection.getresponse().read().decode())
+        else:
+            ws = ws or await websockets.connect(url, max_size=None, max_queue=1)
+            if kind == "send":
+                await ws.send(text)
+            elif kind == "recv":
+                print(await asyncio.wait_for(ws.recv(), 60))
+            elif kind == "closed":
+                try:
+                    while True:
+                        await asyncio.wait_for(ws.recv(), 30)
+                except websockets.exceptions.ConnectionClosed as e:
+                    print("closed", e.rcvd.code if e.rcvd else None)
+                except asyncio.TimeoutError:
+                    print("still open")
+            elif kind == "abort":
+                ws.transport.abort()
+                return
+    if ws:
+        await ws.close()
+
+
+asyncio.run(main(sys.argv[1], sys.argv[2:]))
