@@ -204,6 +204,9 @@ class KQWorldRepresentation : public KQModule {
   // --- memory watcher (src/persistence/memory_watcher.cpp): one pass over
   // the "Object/" keys through the public operations; holds no lock.
   void checkMemory();
+  // Mirrors one "Object/" key into the world; throws what the memory module
+  // or an operation throws.
+  void mirrorMemoryKey(const std::string& key);
 
   // --- method table (src/module/world_representation.cpp).
   void registerMethods();

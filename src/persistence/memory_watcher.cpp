@@ -116,6 +116,36 @@ void KQWorldRepresentation::stopMemoryCheck() {
   runningCondition_.wait(runningLock, [this] { return !running_; });
 }
 
+void KQWorldRepresentation::mirrorMemoryKey(const std::string& key) {
+  const std::string name = objectNameFromMemoryKey(key, kMemoryObjectPrefix);
+  const KQValue value = memoryProxy_->getData(key);
+  if (value.getSize() == 0) {
+    // An emptied key takes the object off the display; the object stays.
+    deleteObjectAttribute(name, displayAttributeName_, "1");
+    return;
+  }
+  if (!hasMemoryObjectFormat(value)) {
+    KQWR_WARNING("xCheckMemory") << "Object in key " << key << " has not valid format: " << value;
+    return;
+  }
+  const std::string& reference = value[1].toString();
+  std::vector<float> position = value[2].toFloatVector();
+  position.resize(6, 0.0f);  // x, y, z alone: no rotation
+  const KQValue display = displayValues(name, value);
+
+  if (!findObject(name)) {
+    KQValue attributes;
+    attributes.arrayPush(pair(displayAttributeName_.c_str(), display));
+    storeObject(name, reference, position, kMemoryObjectCategory, attributes);
+  } else {
+    // Its own name as reference keeps an existing object where it is;
+    // any other reference is ignored for an existing object.
+    if (reference == name) position = getPosition6D(getObjectParentName(name), name);
+    updateAttribute(name, displayAttributeName_, objectCondition(name), display);
+    updatePosition(name, position, true);
+  }
+}
+
 void KQWorldRepresentation::checkMemory() {
   // Linux keeps 15 bytes of a thread name: "KQWorldRep-KQMe".
   ko::os::setCurrentThreadName("KQWorldRep-KQMemory");
@@ -125,61 +155,43 @@ void KQWorldRepresentation::checkMemory() {
     runningCondition_.notify_all();
   }
 
-  try {
-    while (keepRunning_) {
-      ko::os::timeval passStart;
-      ko::os::gettimeofday(&passStart);
-      const std::vector<std::string> keys = memoryProxy_->getDataList(kMemoryObjectPrefix);
-      for (const std::string& key : keys) {
-        const std::string name = objectNameFromMemoryKey(key, kMemoryObjectPrefix);
-        const std::string condition = objectCondition(name);
-        const KQValue value = memoryProxy_->getData(key);
-        if (value.getSize() == 0) {
-          // An emptied key takes the object off the display; the object stays.
-          deleteObjectAttribute(name, displayAttributeName_, "1");
-          continue;
-        }
-        if (!hasMemoryObjectFormat(value)) {
-          KQWR_WARNING("xCheckMemory") << "Object in key " << key << " has not valid format: " << value;
-          continue;
-        }
-        const std::string& reference = value[1].toString();
-        std::vector<float> position = value[2].toFloatVector();
-        position.resize(6, 0.0f);  // x, y, z alone: no rotation
-        const KQValue display = displayValues(name, value);
-
-        if (!findObject(name)) {
-          KQValue attributes;
-          attributes.arrayPush(pair(displayAttributeName_.c_str(), display));
-          storeObject(name, reference, position, kMemoryObjectCategory, attributes);
-        } else {
-          // Its own name as reference keeps an existing object where it is;
-          // any other reference is ignored for an existing object.
-          if (reference == name) position = getPosition6D(getObjectParentName(name), name);
-          updateAttribute(name, displayAttributeName_, condition, display);
-          updatePosition(name, position, true);
-        }
-      }
-      // The period is counted from the start of the pass, in whole seconds:
-      // a pass longer than the period is followed at once by the next. A
-      // wall clock set back during the pass never stretches the sleep past
-      // one period (stop waits for the sleep).
-      ko::os::timeval passEnd;
-      ko::os::gettimeofday(&passEnd);
-      long long wait =
-          static_cast<long long>(memoryCheckPeriod_) - static_cast<long long>(passEnd.tv_sec - passStart.tv_sec);
-      if (wait > memoryCheckPeriod_) wait = memoryCheckPeriod_;
-      if (wait > 0) ko::os::sleep(static_cast<unsigned>(wait));
+  while (keepRunning_) {
+    ko::os::timeval passStart;
+    ko::os::gettimeofday(&passStart);
+    // A key that fails (gone between the listing and the read, an operation
+    // that throws) is logged and skipped; the others are still mirrored, and
+    // a memory module that cannot list is asked again next pass. The watcher
+    // stops only when asked.
+    std::vector<std::string> keys;
+    try {
+      keys = memoryProxy_->getDataList(kMemoryObjectPrefix);
+    } catch (const std::exception& e) {
+      KQWR_ERROR("xCheckMemory") << "Cannot list the memory keys: " << e.what();
     }
-    // Every object still published leaves the display with the watcher.
+    for (const std::string& key : keys) {
+      try {
+        mirrorMemoryKey(key);
+      } catch (const std::exception& e) {
+        KQWR_ERROR("xCheckMemory") << "Key " << key << " skipped this pass: " << e.what();
+      }
+    }
+    // The period is counted from the start of the pass, in whole seconds:
+    // a pass longer than the period is followed at once by the next. A
+    // wall clock set back during the pass never stretches the sleep past
+    // one period (stop waits for the sleep).
+    ko::os::timeval passEnd;
+    ko::os::gettimeofday(&passEnd);
+    long long wait =
+        static_cast<long long>(memoryCheckPeriod_) - static_cast<long long>(passEnd.tv_sec - passStart.tv_sec);
+    if (wait > memoryCheckPeriod_) wait = memoryCheckPeriod_;
+    if (wait > 0) ko::os::sleep(static_cast<unsigned>(wait));
+  }
+  // Every object still published leaves the display with the watcher.
+  try {
     for (const std::string& key : memoryProxy_->getDataList(kMemoryObjectPrefix))
       deleteObjectAttribute(objectNameFromMemoryKey(key, kMemoryObjectPrefix), displayAttributeName_, "1");
   } catch (const std::exception& e) {
-    // An error of the memory module or of an operation ends the watcher
-    // cleanly instead of the process; a new start makes a new thread.
-    KQWR_ERROR("xCheckMemory") << "Memory check stopped: " << e.what();
-  } catch (...) {
-    KQWR_ERROR("xCheckMemory") << "Memory check stopped: unknown error";
+    KQWR_ERROR("xCheckMemory") << "Cannot take the memory objects off the display: " << e.what();
   }
 
   std::lock_guard<std::mutex> runningLock(runningMutex_);
