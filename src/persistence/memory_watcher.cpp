@@ -18,6 +18,7 @@
 #include "middleware/os.h"
 #include "module/module_log.h"
 #include "module/world_representation.h"
+#include "persistence/memory_object.h"
 #include "storage/attribute_rows.h"
 
 namespace KQ {
@@ -34,47 +35,11 @@ std::string objectNameFromMemoryKey(const std::string& key, const std::string& p
 const char* const kMemoryObjectPrefix = "Object/";
 const char* const kMemoryObjectCategory = "kqmemoryobjects";
 
-bool isNumber(const KQValue& value) { return value.isInt() || value.isFloat(); }
-
-bool isNumberArray(const KQValue& value, int size) {
-  if (!value.isArray() || value.getSize() != size) return false;
-  for (int i = 0; i < size; ++i)
-    if (!isNumber(value[i])) return false;
-  return true;
-}
-
-// [string, reference, position (6 or 3 numbers), model, scale (3), colour (3)].
-// The numbers are checked too: a text where a float belongs would otherwise
-// throw out of the pass and end the watcher for every other key.
-bool hasMemoryObjectFormat(const KQValue& value) {
-  if (!value.isArray() || value.getSize() != 6) return false;
-  if (!value[0].isString() || !value[1].isString() || !value[3].isString()) return false;
-  if (!isNumberArray(value[2], 6) && !isNumberArray(value[2], 3)) return false;
-  return isNumberArray(value[4], 3) && isNumberArray(value[5], 3);
-}
-
 KQValue pair(const char* field, const KQValue& value) {
   KQValue entry;
   entry.arrayPush(KQValue(field));
   entry.arrayPush(value);
   return entry;
-}
-
-// The "Display" attribute values: 8 [field, value] pairs in column order.
-KQValue displayValues(const std::string& name, const KQValue& value) {
-  const KQValue& model = value[3];
-  const KQValue& scale = value[4];
-  const KQValue& colour = value[5];
-  KQValue values;
-  values.arrayPush(pair("ObjectName", KQValue(name)));
-  values.arrayPush(pair("colorR", colour[0]));
-  values.arrayPush(pair("colorG", colour[1]));
-  values.arrayPush(pair("colorB", colour[2]));
-  values.arrayPush(pair("scaleX", scale[0]));
-  values.arrayPush(pair("scaleY", scale[1]));
-  values.arrayPush(pair("scaleZ", scale[2]));
-  values.arrayPush(pair("model", model));
-  return values;
 }
 
 }  // namespace
