@@ -16,7 +16,7 @@ SECONDS_EACH="${1:-30}"
 shift || true
 BUILD_DIR="${BUILD_DIR:-build-fuzz}"
 JOBS="${JOBS:-2}"
-FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer -g"
+FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g"
 
 cmake -S . -B "$BUILD_DIR" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKQ_FUZZ=ON \
   -DKQ_BUILD_TESTS=OFF -DKQ_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="$FLAGS" \
@@ -30,10 +30,10 @@ cmake --build "$BUILD_DIR" -j "$JOBS" --target "${names[@]/#/kq_fuzz_}"
 run() {
   local name="$1" scratch="$BUILD_DIR/scratch/$1" findings="$BUILD_DIR/findings/$1"
   rm -rf "$scratch" && mkdir -p "$scratch" "$findings"
-  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1:suppressions=$PWD/scripts/ubsan-suppressions.txt "$BUILD_DIR/tests/fuzz/kq_fuzz_$name" "$scratch" "tests/fuzz/corpus/$name" \
+  local status=0
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 "$BUILD_DIR/tests/fuzz/kq_fuzz_$name" "$scratch" "tests/fuzz/corpus/$name" \
     -max_total_time="$SECONDS_EACH" -timeout=1 -rss_limit_mb=2048 -max_len=65536 -print_final_stats=1 \
-    -artifact_prefix="$findings/" >"$BUILD_DIR/$name.log" 2>&1
-  local status=$?
+    -artifact_prefix="$findings/" >"$BUILD_DIR/$name.log" 2>&1 || status=$?
   local runs
   runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$BUILD_DIR/$name.log" | grep -o '[0-9]*$' || echo "?")
   if [ $status -eq 0 ]; then

@@ -1,6 +1,6 @@
 // Start-up and shutdown: the built-in categories, the fixed top of the frame
 // tree, one live node per joint, the events; exit saves.
-#include <boost/make_shared.hpp>
+#include <memory>
 #include <exception>
 
 #include "middleware/error.h"
@@ -30,7 +30,7 @@ void KQWorldRepresentation::init() {
     ReaderLock categoryLock(categoryLock_);
     auto categoryOf = [this](const std::string& name) REQUIRES_SHARED(categoryLock_) {
       auto found = categories_.find(name);
-      return found == categories_.end() ? boost::shared_ptr<ObjectCategory>() : found->second;
+      return found == categories_.end() ? std::shared_ptr<ObjectCategory>() : found->second;
     };
     graph_.setNodeData(0, std::make_shared<WorldObject>(rootName_, categoryOf("root")));
     objects_[rootName_] = 0;
@@ -85,7 +85,7 @@ void KQWorldRepresentation::addJoint(const std::string& name) {
     }
     auto jointsCategory = categories_.find("joints");
     graph_.setNodeData(newId, std::make_shared<WorldObject>(name, jointsCategory == categories_.end()
-                                                                      ? boost::shared_ptr<ObjectCategory>()
+                                                                      ? std::shared_ptr<ObjectCategory>()
                                                                       : jointsCategory->second));
     objects_[name] = newId;
     joints_.insert(name);

@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-#include <boost/shared_ptr.hpp>
+#include <memory>
 
 #include "middleware/module.h"
 #include "middleware/os.h"
@@ -212,7 +212,7 @@ class KQWorldRepresentation : public KQModule {
   void registerMethods();
 
   // Member data, in the order of the design.
-  std::map<std::string, boost::shared_ptr<ObjectCategory>> categories_ GUARDED_BY(categoryLock_);
+  std::map<std::string, std::shared_ptr<ObjectCategory>> categories_ GUARDED_BY(categoryLock_);
   KQSceneGraph graph_ GUARDED_BY(graphLock_);
   const std::string rootName_;
   const std::string robotName_;

@@ -32,7 +32,7 @@ int KQWorldRepresentation::createObjectCategory(const std::string& category, con
     KQWR_WARNING("createObjectCategory") << "Category " << category << " already exists!";
     return 1;
   }
-  categories_[category] = boost::shared_ptr<ObjectCategory>(new ObjectCategory(category));
+  categories_[category] = std::shared_ptr<ObjectCategory>(new ObjectCategory(category));
   // A database file already open (found at load) is kept and only emptied
   // when asked; the fixed attributes then find their tables in place.
   xCreateDatabaseFromCategory(category, reset);

@@ -6,7 +6,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
-#include <boost/make_shared.hpp>
+#include <memory>
 #include <climits>
 #include <map>
 #include <string>
@@ -50,7 +50,7 @@ TEST(ObjectResolver, NamesTheFirstMissingLinkFromNameToDatabase) {
   std::map<std::string, int> objects;
   std::map<std::string, KQDatabaseManager> databases = {{"Cups", KQDatabaseManager()}};
   auto object = [](const char* name, const char* category) {
-    return std::make_shared<WorldObject>(name, category ? boost::make_shared<ObjectCategory>(category) : nullptr);
+    return std::make_shared<WorldObject>(name, category ? std::make_shared<ObjectCategory>(category) : nullptr);
   };
   using Missing = ResolvedObject::Missing;
   struct Case {
