@@ -233,6 +233,7 @@ class KQWorldRepresentation : public KQModule {
   std::condition_variable runningCondition_;
   std::mutex runningMutex_;
   std::mutex stopMutex_;
+  std::condition_variable stopCondition_;  // wakes the watcher's sleep at a stop
   const std::string displayAttributeName_;
 };
 

@@ -7,6 +7,8 @@
 // until the thread has left its loop, its wind-up included; stop waits for
 // it, so once stopMemoryCheck returns the thread touches the module no more
 // (exit and the destructor stop it before anything is saved or destroyed).
+#include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -75,6 +77,7 @@ void KQWorldRepresentation::stopMemoryCheck() {
     std::lock_guard<std::mutex> stopLock(stopMutex_);
     keepRunning_ = false;
   }
+  stopCondition_.notify_all();  // a watcher asleep between passes wakes now
   // Returns once the thread has finished its pass, its pending sleep of up
   // to one period and its wind-up.
   std::unique_lock<std::mutex> runningLock(runningMutex_);
@@ -143,13 +146,16 @@ void KQWorldRepresentation::checkMemory() {
     // The period is counted from the start of the pass, in whole seconds:
     // a pass longer than the period is followed at once by the next. A
     // wall clock set back during the pass never stretches the sleep past
-    // one period (stop waits for the sleep).
+    // one period, and a stop ends the sleep at once.
     ko::os::timeval passEnd;
     ko::os::gettimeofday(&passEnd);
     long long wait =
         static_cast<long long>(memoryCheckPeriod_) - static_cast<long long>(passEnd.tv_sec - passStart.tv_sec);
     if (wait > memoryCheckPeriod_) wait = memoryCheckPeriod_;
-    if (wait > 0) ko::os::sleep(static_cast<unsigned>(wait));
+    if (wait > 0) {
+      std::unique_lock<std::mutex> stopLock(stopMutex_);
+      stopCondition_.wait_for(stopLock, std::chrono::seconds(wait), [this] { return !keepRunning_; });
+    }
   }
   // Every object still published leaves the display with the watcher.
   try {
