@@ -1,5 +1,7 @@
 #include "persistence/memory_object.h"
 
+#include "storage/attribute_rows.h"
+
 namespace KQ {
 
 namespace {
@@ -11,13 +13,6 @@ bool isNumberArray(const KQValue& value, int size) {
   for (int i = 0; i < size; ++i)
     if (!isNumber(value[i])) return false;
   return true;
-}
-
-KQValue pair(const char* field, const KQValue& value) {
-  KQValue entry;
-  entry.arrayPush(KQValue(field));
-  entry.arrayPush(value);
-  return entry;
 }
 
 }  // namespace
@@ -34,14 +29,14 @@ KQValue displayValues(const std::string& name, const KQValue& value) {
   const KQValue& scale = value[4];
   const KQValue& colour = value[5];
   KQValue values;
-  values.arrayPush(pair("ObjectName", KQValue(name)));
-  values.arrayPush(pair("colorR", colour[0]));
-  values.arrayPush(pair("colorG", colour[1]));
-  values.arrayPush(pair("colorB", colour[2]));
-  values.arrayPush(pair("scaleX", scale[0]));
-  values.arrayPush(pair("scaleY", scale[1]));
-  values.arrayPush(pair("scaleZ", scale[2]));
-  values.arrayPush(pair("model", model));
+  values.arrayPush(fieldPair("ObjectName", KQValue(name)));
+  values.arrayPush(fieldPair("colorR", colour[0]));
+  values.arrayPush(fieldPair("colorG", colour[1]));
+  values.arrayPush(fieldPair("colorB", colour[2]));
+  values.arrayPush(fieldPair("scaleX", scale[0]));
+  values.arrayPush(fieldPair("scaleY", scale[1]));
+  values.arrayPush(fieldPair("scaleZ", scale[2]));
+  values.arrayPush(fieldPair("model", model));
   return values;
 }
 

@@ -37,13 +37,6 @@ std::string objectNameFromMemoryKey(const std::string& key, const std::string& p
 const char* const kMemoryObjectPrefix = "Object/";
 const char* const kMemoryObjectCategory = "kqmemoryobjects";
 
-KQValue pair(const char* field, const KQValue& value) {
-  KQValue entry;
-  entry.arrayPush(KQValue(field));
-  entry.arrayPush(value);
-  return entry;
-}
-
 }  // namespace
 
 void KQWorldRepresentation::startMemoryCheck(const int& period) {
@@ -103,7 +96,7 @@ void KQWorldRepresentation::mirrorMemoryKey(const std::string& key) {
 
   if (!findObject(name)) {
     KQValue attributes;
-    attributes.arrayPush(pair(displayAttributeName_.c_str(), display));
+    attributes.arrayPush(fieldPair(displayAttributeName_.c_str(), display));
     storeObject(name, reference, position, kMemoryObjectCategory, attributes);
   } else {
     // Its own name as reference keeps an existing object where it is;
