@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "middleware/error.h"
+#include "middleware/log.h"
 
 namespace KQ {
 
@@ -70,15 +71,26 @@ std::shared_ptr<KQBrokerManager> KQBroker::getBrokerManager() {
   return manager_;
 }
 
-void KQBroker::shutdown() {
+bool KQBroker::shutdown() {
   std::vector<std::shared_ptr<KQModuleCore>> modules;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     modules = modules_;
   }
   // Last registered first: a module that uses another (the world model uses
-  // the memory and motion modules) goes before what it uses.
-  for (auto it = modules.rbegin(); it != modules.rend(); ++it) (*it)->exit();
+  // the memory and motion modules) goes before what it uses. One that fails
+  // to exit is logged and the others still exit.
+  bool clean = true;
+  for (auto it = modules.rbegin(); it != modules.rend(); ++it) {
+    try {
+      (*it)->exit();
+    } catch (const std::exception& e) {
+      clean = false;
+      KO_LOG(ko::log::error, "KQBroker", "", "shutdown", 0) << "Module " << (*it)->getName()
+                                                            << " did not exit cleanly: " << e.what();
+    }
+  }
+  return clean;
 }
 
 namespace {

@@ -50,8 +50,10 @@ class KQBroker : public std::enable_shared_from_this<KQBroker> {
   // The manager this broker belongs to (created on first use).
   std::shared_ptr<KQBrokerManager> getBrokerManager();
 
-  // Calls exit() on every hosted module, last registered first.
-  void shutdown();
+  // Calls exit() on every hosted module, last registered first; a module
+  // whose exit throws is logged and the others still exit. False when one
+  // threw.
+  bool shutdown();
 
  private:
   std::string name_;

@@ -1,8 +1,9 @@
 // Start-up and shutdown: the built-in categories, the fixed top of the frame
 // tree, one live node per joint, the events; exit saves.
-#include <boost/make_shared.hpp>
+#include <memory>
 #include <exception>
 
+#include "middleware/error.h"
 #include "middleware/memory_proxy.h"
 #include "middleware/motion_proxy.h"
 #include "module/module_log.h"
@@ -29,7 +30,7 @@ void KQWorldRepresentation::init() {
     ReaderLock categoryLock(categoryLock_);
     auto categoryOf = [this](const std::string& name) REQUIRES_SHARED(categoryLock_) {
       auto found = categories_.find(name);
-      return found == categories_.end() ? boost::shared_ptr<ObjectCategory>() : found->second;
+      return found == categories_.end() ? std::shared_ptr<ObjectCategory>() : found->second;
     };
     graph_.setNodeData(0, std::make_shared<WorldObject>(rootName_, categoryOf("root")));
     objects_[rootName_] = 0;
@@ -84,7 +85,7 @@ void KQWorldRepresentation::addJoint(const std::string& name) {
     }
     auto jointsCategory = categories_.find("joints");
     graph_.setNodeData(newId, std::make_shared<WorldObject>(name, jointsCategory == categories_.end()
-                                                                      ? boost::shared_ptr<ObjectCategory>()
+                                                                      ? std::shared_ptr<ObjectCategory>()
                                                                       : jointsCategory->second));
     objects_[name] = newId;
     joints_.insert(name);
@@ -101,8 +102,20 @@ void KQWorldRepresentation::addJoint(const std::string& name) {
 
 void KQWorldRepresentation::exit() {
   stopMemoryCheck();
-  save();
+  // A save that fails (data folder gone, disk full, archive unwritable) is
+  // logged and reported once the module base has exited, so that the
+  // process still stops and ends with a status that says so.
+  std::string failure;
+  try {
+    if (save() != 0) failure = "the world was busy and could not be saved";
+  } catch (const std::exception& e) {
+    failure = e.what();
+  }
+  if (!failure.empty()) {
+    KQWR_ERROR("exit") << "Could not save the world: " << failure;
+  }
   KQModule::exit();
+  if (!failure.empty()) throw KQError(getName(), "exit", "Could not save the world: " + failure, "", 0);
 }
 
 }  // namespace KQ

@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-#include <boost/shared_ptr.hpp>
+#include <memory>
 
 #include "middleware/module.h"
 #include "middleware/os.h"
@@ -139,6 +139,9 @@ class KQWorldRepresentation : public KQModule {
   int xLoadDatabases() REQUIRES(objectLock_, graphLock_, categoryLock_, jointLock_);
 
   // --- category operations.
+  // False, with the error line naming `function`, for a name that could
+  // reach outside the data folder (src/storage/name_rules.h). Takes no lock.
+  bool validCategoryName(const char* function, const std::string& category) const;
   int xAddAttributeToCategory(const std::string& category, const std::string& attribute, const KQValue& fields)
       REQUIRES(categoryLock_);
   std::string xGetObjectCategory(const std::string& objectName) const REQUIRES_SHARED(objectLock_, graphLock_);
@@ -201,12 +204,15 @@ class KQWorldRepresentation : public KQModule {
   // --- memory watcher (src/persistence/memory_watcher.cpp): one pass over
   // the "Object/" keys through the public operations; holds no lock.
   void checkMemory();
+  // Mirrors one "Object/" key into the world; throws what the memory module
+  // or an operation throws.
+  void mirrorMemoryKey(const std::string& key);
 
   // --- method table (src/module/world_representation.cpp).
   void registerMethods();
 
   // Member data, in the order of the design.
-  std::map<std::string, boost::shared_ptr<ObjectCategory>> categories_ GUARDED_BY(categoryLock_);
+  std::map<std::string, std::shared_ptr<ObjectCategory>> categories_ GUARDED_BY(categoryLock_);
   KQSceneGraph graph_ GUARDED_BY(graphLock_);
   const std::string rootName_;
   const std::string robotName_;
@@ -227,6 +233,7 @@ class KQWorldRepresentation : public KQModule {
   std::condition_variable runningCondition_;
   std::mutex runningMutex_;
   std::mutex stopMutex_;
+  std::condition_variable stopCondition_;  // wakes the watcher's sleep at a stop
   const std::string displayAttributeName_;
 };
 

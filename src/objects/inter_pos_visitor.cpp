@@ -117,6 +117,8 @@ int InterPosVisitor::xInterpolate(const std::string& name, const std::string& ca
   if (found == databases_->end()) missingCategories_.insert(category);
   const KQDatabaseManager& db = found != databases_->end() ? found->second : kEmptyDatabase;
 
+  // A name holding a quote builds no statement: the edge keeps its present pose.
+  if (name.find('\'') != std::string::npos) return 1;
   const std::string timeText = std::to_string(time_);
   const std::string condition = objectCondition(name) + " AND TimeS ";
   // Rows of the requested second match neither query ("<" and ">").

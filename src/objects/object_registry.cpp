@@ -101,14 +101,17 @@ int KQWorldRepresentation::xStoreObject(const ko::os::timeval& time, const std::
   // rather than given an unbound entry.
   auto database = databases_.find(category);
   if (database != databases_.end()) {
+    // The rows join a transaction the caller has open on this category
+    // (nothing is committed early), or get one of their own.
     KQDatabaseManager& db = database->second;
-    db.beginTransaction();
-    xStorePosition(db, name, parentName, quaternion, translation, time);
-    for (int i = 0; i < attributeCount; ++i) {
-      const KQValue& entry = attributes[i];
-      xStoreAttribute(db, time, name, entry[0].toString(), entry[1]);
-    }
-    db.endTransaction();
+    db.inTransaction([&]() REQUIRES(categoryLock_) {
+      xStorePosition(db, name, parentName, quaternion, translation, time);
+      for (int i = 0; i < attributeCount; ++i) {
+        const KQValue& entry = attributes[i];
+        xStoreAttribute(db, time, name, entry[0].toString(), entry[1]);
+      }
+      return 0;
+    });
   }
   return 0;
 }

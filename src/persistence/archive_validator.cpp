@@ -1,5 +1,10 @@
 #include "persistence/archive_validator.h"
 
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
 #include <cstdint>
 #include <map>
 #include <utility>
@@ -55,6 +60,15 @@ class TreeReader {
         if (open.empty()) return "text outside the root element";
         const std::size_t end = text_.find('<', pos_);
         open.back()->text.append(text_, pos_, end == std::string::npos ? std::string::npos : end - pos_);
+        // The library's reader knows the five entities the writer makes and
+        // throws halfway through a record on anything else, leaking what it
+        // had built of that record.
+        for (std::size_t amp = text_.find('&', pos_); amp < end; amp = text_.find('&', amp + 1)) {
+          static const char* const kEntities[] = {"&lt;", "&gt;", "&amp;", "&quot;", "&apos;"};
+          bool known = false;
+          for (const char* entity : kEntities) known = known || text_.compare(amp, std::strlen(entity), entity) == 0;
+          if (!known) return "a \"&\" that is none of the writer's entities";
+        }
         pos_ = end == std::string::npos ? text_.size() : end;
         continue;
       }
@@ -158,6 +172,16 @@ bool parseInteger(const std::string& text, bool allowNegative, int64_t& value) {
   }
   if (negative) value = -value;
   return value >= INT32_MIN && value <= INT32_MAX;
+}
+
+// A float as the writer prints it and the library's stream reads it back:
+// the whole text, finite, within float range.
+bool parseFloat(const std::string& text) {
+  if (text.empty() || isBlank(text.front()) || isBlank(text.back())) return false;
+  char* end = nullptr;
+  errno = 0;
+  const float value = std::strtof(text.c_str(), &end);
+  return end == text.c_str() + text.size() && errno == 0 && std::isfinite(value);
 }
 
 // The C++ types of the records, by which the library numbers its classes.
@@ -380,8 +404,10 @@ class ShapeChecker {
     const Element& pose = element.children[4];
     if (!xExpectName(pose, "position") || !xClassInfo(pose, Type::kPose) || !xChildCount(pose, 6)) return false;
     const char* names[] = {"x", "y", "z", "wx", "wy", "wz"};
-    for (std::size_t i = 0; i < 6; ++i)
+    for (std::size_t i = 0; i < 6; ++i) {
       if (!xLeaf(pose.children[i], names[i])) return false;
+      if (!parseFloat(pose.children[i].text)) return xFail("<" + pose.children[i].name + "> is not a float");
+    }
     return true;
   }
 

@@ -7,6 +7,8 @@
 // until the thread has left its loop, its wind-up included; stop waits for
 // it, so once stopMemoryCheck returns the thread touches the module no more
 // (exit and the destructor stop it before anything is saved or destroyed).
+#include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -18,6 +20,7 @@
 #include "middleware/os.h"
 #include "module/module_log.h"
 #include "module/world_representation.h"
+#include "persistence/memory_object.h"
 #include "storage/attribute_rows.h"
 
 namespace KQ {
@@ -33,49 +36,6 @@ std::string objectNameFromMemoryKey(const std::string& key, const std::string& p
 
 const char* const kMemoryObjectPrefix = "Object/";
 const char* const kMemoryObjectCategory = "kqmemoryobjects";
-
-bool isNumber(const KQValue& value) { return value.isInt() || value.isFloat(); }
-
-bool isNumberArray(const KQValue& value, int size) {
-  if (!value.isArray() || value.getSize() != size) return false;
-  for (int i = 0; i < size; ++i)
-    if (!isNumber(value[i])) return false;
-  return true;
-}
-
-// [string, reference, position (6 or 3 numbers), model, scale (3), colour (3)].
-// The numbers are checked too: a text where a float belongs would otherwise
-// throw out of the pass and end the watcher for every other key.
-bool hasMemoryObjectFormat(const KQValue& value) {
-  if (!value.isArray() || value.getSize() != 6) return false;
-  if (!value[0].isString() || !value[1].isString() || !value[3].isString()) return false;
-  if (!isNumberArray(value[2], 6) && !isNumberArray(value[2], 3)) return false;
-  return isNumberArray(value[4], 3) && isNumberArray(value[5], 3);
-}
-
-KQValue pair(const char* field, const KQValue& value) {
-  KQValue entry;
-  entry.arrayPush(KQValue(field));
-  entry.arrayPush(value);
-  return entry;
-}
-
-// The "Display" attribute values: 8 [field, value] pairs in column order.
-KQValue displayValues(const std::string& name, const KQValue& value) {
-  const KQValue& model = value[3];
-  const KQValue& scale = value[4];
-  const KQValue& colour = value[5];
-  KQValue values;
-  values.arrayPush(pair("ObjectName", KQValue(name)));
-  values.arrayPush(pair("colorR", colour[0]));
-  values.arrayPush(pair("colorG", colour[1]));
-  values.arrayPush(pair("colorB", colour[2]));
-  values.arrayPush(pair("scaleX", scale[0]));
-  values.arrayPush(pair("scaleY", scale[1]));
-  values.arrayPush(pair("scaleZ", scale[2]));
-  values.arrayPush(pair("model", model));
-  return values;
-}
 
 }  // namespace
 
@@ -110,10 +70,41 @@ void KQWorldRepresentation::stopMemoryCheck() {
     std::lock_guard<std::mutex> stopLock(stopMutex_);
     keepRunning_ = false;
   }
+  stopCondition_.notify_all();  // a watcher asleep between passes wakes now
   // Returns once the thread has finished its pass, its pending sleep of up
   // to one period and its wind-up.
   std::unique_lock<std::mutex> runningLock(runningMutex_);
   runningCondition_.wait(runningLock, [this] { return !running_; });
+}
+
+void KQWorldRepresentation::mirrorMemoryKey(const std::string& key) {
+  const std::string name = objectNameFromMemoryKey(key, kMemoryObjectPrefix);
+  const KQValue value = memoryProxy_->getData(key);
+  if (value.getSize() == 0) {
+    // An emptied key takes the object off the display; the object stays.
+    deleteObjectAttribute(name, displayAttributeName_, "1");
+    return;
+  }
+  if (!hasMemoryObjectFormat(value)) {
+    KQWR_WARNING("xCheckMemory") << "Object in key " << key << " has not valid format: " << value;
+    return;
+  }
+  const std::string& reference = value[1].toString();
+  std::vector<float> position = value[2].toFloatVector();
+  position.resize(6, 0.0f);  // x, y, z alone: no rotation
+  const KQValue display = displayValues(name, value);
+
+  if (!findObject(name)) {
+    KQValue attributes;
+    attributes.arrayPush(fieldPair(displayAttributeName_.c_str(), display));
+    storeObject(name, reference, position, kMemoryObjectCategory, attributes);
+  } else {
+    // Its own name as reference keeps an existing object where it is;
+    // any other reference is ignored for an existing object.
+    if (reference == name) position = getPosition6D(getObjectParentName(name), name);
+    updateAttribute(name, displayAttributeName_, objectCondition(name), display);
+    updatePosition(name, position, true);
+  }
 }
 
 void KQWorldRepresentation::checkMemory() {
@@ -125,61 +116,46 @@ void KQWorldRepresentation::checkMemory() {
     runningCondition_.notify_all();
   }
 
-  try {
-    while (keepRunning_) {
-      ko::os::timeval passStart;
-      ko::os::gettimeofday(&passStart);
-      const std::vector<std::string> keys = memoryProxy_->getDataList(kMemoryObjectPrefix);
-      for (const std::string& key : keys) {
-        const std::string name = objectNameFromMemoryKey(key, kMemoryObjectPrefix);
-        const std::string condition = objectCondition(name);
-        const KQValue value = memoryProxy_->getData(key);
-        if (value.getSize() == 0) {
-          // An emptied key takes the object off the display; the object stays.
-          deleteObjectAttribute(name, displayAttributeName_, "1");
-          continue;
-        }
-        if (!hasMemoryObjectFormat(value)) {
-          KQWR_WARNING("xCheckMemory") << "Object in key " << key << " has not valid format: " << value;
-          continue;
-        }
-        const std::string& reference = value[1].toString();
-        std::vector<float> position = value[2].toFloatVector();
-        position.resize(6, 0.0f);  // x, y, z alone: no rotation
-        const KQValue display = displayValues(name, value);
-
-        if (!findObject(name)) {
-          KQValue attributes;
-          attributes.arrayPush(pair(displayAttributeName_.c_str(), display));
-          storeObject(name, reference, position, kMemoryObjectCategory, attributes);
-        } else {
-          // Its own name as reference keeps an existing object where it is;
-          // any other reference is ignored for an existing object.
-          if (reference == name) position = getPosition6D(getObjectParentName(name), name);
-          updateAttribute(name, displayAttributeName_, condition, display);
-          updatePosition(name, position, true);
-        }
-      }
-      // The period is counted from the start of the pass, in whole seconds:
-      // a pass longer than the period is followed at once by the next. A
-      // wall clock set back during the pass never stretches the sleep past
-      // one period (stop waits for the sleep).
-      ko::os::timeval passEnd;
-      ko::os::gettimeofday(&passEnd);
-      long long wait =
-          static_cast<long long>(memoryCheckPeriod_) - static_cast<long long>(passEnd.tv_sec - passStart.tv_sec);
-      if (wait > memoryCheckPeriod_) wait = memoryCheckPeriod_;
-      if (wait > 0) ko::os::sleep(static_cast<unsigned>(wait));
+  while (keepRunning_) {
+    ko::os::timeval passStart;
+    ko::os::gettimeofday(&passStart);
+    // A key that fails (gone between the listing and the read, an operation
+    // that throws) is logged and skipped; the others are still mirrored, and
+    // a memory module that cannot list is asked again next pass. The watcher
+    // stops only when asked.
+    std::vector<std::string> keys;
+    try {
+      keys = memoryProxy_->getDataList(kMemoryObjectPrefix);
+    } catch (const std::exception& e) {
+      KQWR_ERROR("xCheckMemory") << "Cannot list the memory keys: " << e.what();
     }
-    // Every object still published leaves the display with the watcher.
+    for (const std::string& key : keys) {
+      try {
+        mirrorMemoryKey(key);
+      } catch (const std::exception& e) {
+        KQWR_ERROR("xCheckMemory") << "Key " << key << " skipped this pass: " << e.what();
+      }
+    }
+    // The period is counted from the start of the pass, in whole seconds:
+    // a pass longer than the period is followed at once by the next. A
+    // wall clock set back during the pass never stretches the sleep past
+    // one period, and a stop ends the sleep at once.
+    ko::os::timeval passEnd;
+    ko::os::gettimeofday(&passEnd);
+    long long wait =
+        static_cast<long long>(memoryCheckPeriod_) - static_cast<long long>(passEnd.tv_sec - passStart.tv_sec);
+    if (wait > memoryCheckPeriod_) wait = memoryCheckPeriod_;
+    if (wait > 0) {
+      std::unique_lock<std::mutex> stopLock(stopMutex_);
+      stopCondition_.wait_for(stopLock, std::chrono::seconds(wait), [this] { return !keepRunning_; });
+    }
+  }
+  // Every object still published leaves the display with the watcher.
+  try {
     for (const std::string& key : memoryProxy_->getDataList(kMemoryObjectPrefix))
       deleteObjectAttribute(objectNameFromMemoryKey(key, kMemoryObjectPrefix), displayAttributeName_, "1");
   } catch (const std::exception& e) {
-    // An error of the memory module or of an operation ends the watcher
-    // cleanly instead of the process; a new start makes a new thread.
-    KQWR_ERROR("xCheckMemory") << "Memory check stopped: " << e.what();
-  } catch (...) {
-    KQWR_ERROR("xCheckMemory") << "Memory check stopped: unknown error";
+    KQWR_ERROR("xCheckMemory") << "Cannot take the memory objects off the display: " << e.what();
   }
 
   std::lock_guard<std::mutex> runningLock(runningMutex_);

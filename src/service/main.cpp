@@ -1,11 +1,10 @@
 // The kqworldrepresentation process: a broker of its own hosting the module.
-// A start that cannot work ends inside mainFunction with its own status;
-// whatever mainFunction returns, the process ends with 0, as a module's
-// process always has.
+// A start that cannot work ends inside mainFunction with its own status; a
+// stop ends with 0, or 1 when a module could not exit cleanly (the world
+// could not be saved).
 #include "service/process_entry.h"
 #include "module/world_representation.h"
 
 int main(int argc, char* argv[]) {
-  KQTools::mainFunction("kqworldrepresentation", argc, argv, _createModule);
-  return 0;
+  return KQTools::mainFunction("kqworldrepresentation", argc, argv, _createModule);
 }

@@ -4,6 +4,8 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,6 +34,7 @@
 #include "middleware/net/rpc_server.h"
 #include "middleware/path.h"
 #include "middleware/value.h"
+#include "storage/database_manager.h"
 
 namespace KQTools {
 namespace {
@@ -51,6 +54,7 @@ struct ProcessOptions {
   std::optional<std::string> token;
   std::string tokenFile;
   std::size_t maxMessageBytes = 1 << 20;
+  int sqlTimeoutMs = 2000;
   bool help = false;
 };
 
@@ -69,7 +73,8 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "Runs the world model as a service: a broker hosting KQWorldRepresentation,\n"
       << "with the built-in KQMemory and a simulated KQMotion unless --parent names a\n"
       << "broker that hosts them, served as JSON-RPC 2.0 over HTTP (POST /rpc) and\n"
-      << "WebSocket (GET /ws). SIGINT or SIGTERM saves the world and exits with 0.\n"
+      << "WebSocket (GET /ws). SIGINT or SIGTERM saves the world and exits with 0 (1\n"
+      << "when the world could not be saved). One service per data folder.\n"
       << "\n"
       << "Options:\n"
       << "  --host HOST          address to listen on (default 127.0.0.1); an address\n"
@@ -91,7 +96,10 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "  --token TOKEN        require this bearer token from every client (also used\n"
       << "                       towards --parent)\n"
       << "  --token-file FILE    read the token from the first line of FILE\n"
-      << "  --max-message BYTES  largest request accepted (default 1048576)\n"
+      << "  --max-message BYTES  largest request accepted, and most bytes of values one\n"
+      << "                       select may return (default 1048576)\n"
+      << "  --sql-timeout-ms MS  deadline of a statement holding caller text (select,\n"
+      << "                       update, delete conditions; default 2000)\n"
       << "  --help               print this help and exit\n"
       << "\n"
       << "Environment: KQ_TOKEN is the token when neither --token nor --token-file is\n"
@@ -172,6 +180,11 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (!parseUnsigned(text, 1ull << 40, number) || number == 0)
         bad("Option --max-message needs a positive number of bytes, not " + text);
       options.maxMessageBytes = static_cast<std::size_t>(number);
+    } else if (name == "--sql-timeout-ms") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 3600000, number) || number == 0)
+        bad("Option --sql-timeout-ms needs a positive number of milliseconds up to 3600000, not " + text);
+      options.sqlTimeoutMs = static_cast<int>(number);
     } else {
       bad("Unknown option " + args[i]);
     }
@@ -256,7 +269,31 @@ void checkListenAddress(const std::string& processName, const ProcessOptions& op
   ::freeaddrinfo(found);
 }
 
-// Makes the data folder, proves it writable and returns it.
+// Takes the data folder for this process: an exclusive lock on its ".lock"
+// file (the kernel releases it when the process ends, however it ends),
+// which then holds this process's id. The descriptor stays open for the
+// process's life. A folder another service holds ends the start having
+// changed nothing; a folder that refuses the file is not writable.
+void lockDataFolder(const std::string& processName, const std::string& folder) {
+  const std::string path = folder + "/.lock";
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    failStart(processName, "Cannot write to data directory " + folder + ": " + std::strerror(errno), kStartStatus);
+  }
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    char text[32] = {0};
+    const ssize_t read = ::pread(fd, text, sizeof text - 1, 0);
+    std::string holder = read > 0 ? std::string(text, static_cast<std::size_t>(read)) : std::string("unknown");
+    while (!holder.empty() && (holder.back() == '\n' || holder.back() == ' ')) holder.pop_back();
+    failStart(processName, "data folder " + folder + " is in use by process " + holder, kStartStatus);
+  }
+  const std::string pid = std::to_string(::getpid()) + "\n";
+  if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+    failStart(processName, "Cannot write to data directory " + folder + ": " + std::strerror(errno), kStartStatus);
+  }
+}
+
+// Makes the data folder, takes it for this process and returns it.
 std::string prepareDataFolder(const std::string& processName, const ProcessOptions& options,
                               const std::string& component) {
   std::string folder;
@@ -277,17 +314,7 @@ std::string prepareDataFolder(const std::string& processName, const ProcessOptio
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   if (error) failStart(processName, "Cannot use data directory " + folder + ": " + error.message(), kStartStatus);
-  const std::string probe = folder + "/.write-test-" + std::to_string(::getpid());
-  {
-    std::ofstream out(probe);
-    if (!out || !(out << "ok") || !out.flush()) {
-      const int writeError = errno;
-      std::remove(probe.c_str());
-      failStart(processName, "Cannot write to data directory " + folder + ": " + std::strerror(writeError),
-                kStartStatus);
-    }
-  }
-  std::remove(probe.c_str());
+  lockDataFolder(processName, folder);
   return folder;
 }
 
@@ -350,6 +377,7 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   const std::string token = resolveToken(processName, options);
   checkListenAddress(processName, options, !token.empty());
   const std::string dataFolder = prepareDataFolder(processName, options, component);
+  KQ::KQDatabaseManager::setDefaultLimits(options.sqlTimeoutMs, options.maxMessageBytes);
 
   bool needMemory = true;
   bool needMotion = true;
@@ -405,9 +433,9 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   // No new calls first, then the modules, last registered first: the world
   // model saves its frame tree while KQMemory and KQMotion still answer.
   server.stop();
-  broker->shutdown();
-  KO_LOG(ko::log::info, processName, "", "mainFunction", 0) << "Stopped";
-  return 0;
+  const bool clean = broker->shutdown();
+  KO_LOG(ko::log::info, processName, "", "mainFunction", 0) << (clean ? "Stopped" : "Stopped, not cleanly");
+  return clean ? 0 : 1;
 }
 
 }  // namespace KQTools

@@ -16,6 +16,8 @@
 #include "module/world_representation.h"
 #include "storage/attribute_description.h"
 #include "storage/attribute_rows.h"
+#include "storage/caller_sql.h"
+#include "storage/name_rules.h"
 #include "storage/shape_checks.h"
 #include "storage/world_object.h"
 
@@ -37,6 +39,24 @@ KQValue emptyArray() {
   KQValue array;
   array.arraySetSize(0);
   return array;
+}
+
+// Caller text that would leave its place in the statement is refused before
+// SQLite sees it (src/storage/caller_sql.h).
+bool callerTextRefused(const char* function, const char* what, const std::string& text) {
+  const std::string why = whyCallerSqlEscapes(text);
+  if (why.empty()) return false;
+  KQWR_ERROR(function) << "Refused the " << what << " " << printableName(text) << ": " << why << ".";
+  return true;
+}
+
+// An object name goes between single quotes unescaped, as callers know it;
+// one holding a quote would end that literal and reach other objects' rows,
+// so no statement is built with it and the call fails.
+bool quotedNameRefused(const char* function, const std::string& objectName) {
+  if (objectName.find('\'') == std::string::npos) return false;
+  KQWR_ERROR(function) << "Object name " << printableName(objectName) << " holds a quote: no statement is built with it.";
+  return true;
 }
 
 }  // namespace
@@ -76,6 +96,7 @@ int KQWorldRepresentation::storeObjectAttribute(const std::string& objectName, c
 int KQWorldRepresentation::xUpdateAttribute(KQDatabaseManager& db, const ko::os::timeval& time,
                                             const std::string& objectName, const std::string& attribute,
                                             const std::string& condition, const KQValue& values) {
+  if (quotedNameRefused("updateAttribute", objectName)) return 1;
   // The existence test ignores the caller's condition: an object with no
   // row yet gets one inserted; one with rows only sees matching rows change.
   const KQValue existing = db.selectWithOrder(attribute, objectCondition(objectName), "TimeS DESC", "*", 0);
@@ -98,6 +119,7 @@ int KQWorldRepresentation::updateAttribute(const std::string& objectName, const 
     KQWR_ERROR("updateAttribute") << "Fields format incorrect";
     return 1;
   }
+  if (callerTextRefused("updateAttribute", "condition", condition)) return 1;
 
   int status = 1;
   {
@@ -142,6 +164,7 @@ int KQWorldRepresentation::xDeleteAttribute(const std::string& objectName, const
     KQWR_ERROR("xDeleteAttribute") << "Category database " << resolved.categoryName << " not found.";
     return 1;
   }
+  if (quotedNameRefused("xDeleteAttribute", objectName)) return 1;
   const int status = resolved.database->deleteRow(attribute, objectAndCondition(objectName, condition));
   if (status != 0) return status;
   if (attribute == displayAttributeName_) removeObjectFromDisplayEvent(objectName);
@@ -150,6 +173,7 @@ int KQWorldRepresentation::xDeleteAttribute(const std::string& objectName, const
 
 int KQWorldRepresentation::deleteObjectAttribute(const std::string& objectName, const std::string& attribute,
                                                  const std::string& condition) {
+  if (callerTextRefused("deleteObjectAttribute", "condition", condition)) return 1;
   ReaderLock objectLock(objectLock_);
   ReaderLock graphLock(graphLock_);
   WriterLock categoryLock(categoryLock_);
@@ -217,6 +241,7 @@ KQValue KQWorldRepresentation::getObjectAttributeValues(const std::string& objec
                                            << " not found. Cannot get value from category.";
     return emptyArray();
   }
+  if (quotedNameRefused("getObjectAttributeValues", objectName)) return emptyArray();
   // Newest first, each row in field order (the special fields first).
   return resolved.database->selectWithOrder(attribute, objectCondition(objectName), "TimeS DESC",
                                             fields->getFieldList(), lastRowIndex(count));
@@ -244,6 +269,7 @@ KQValue KQWorldRepresentation::getObjectLatestAttributes(const std::string& obje
     return result;
   }
 
+  if (quotedNameRefused("getObjectLatestAttributes", objectName)) return result;
   for (const ObjectAttribute& attribute : resolved.category().getAttributes()) {
     KQValue values;
     if (attribute.getName() == kPositionsAttributeName) {
@@ -279,6 +305,8 @@ KQValue KQWorldRepresentation::getObjectLatestAttributes(const std::string& obje
 
 KQValue KQWorldRepresentation::select(const std::string& condition, const std::string& category,
                                       const std::string& table, const std::string& columns) {
+  if (callerTextRefused("select", "condition", condition) || callerTextRefused("select", "columns", columns))
+    return emptyArray();
   ReaderLock categoryLock(categoryLock_);
   auto database = databases_.find(category);
   if (database == databases_.end()) {
@@ -291,6 +319,9 @@ KQValue KQWorldRepresentation::select(const std::string& condition, const std::s
 KQValue KQWorldRepresentation::selectWithOrder(const std::string& condition, const std::string& order,
                                                const std::string& category, const std::string& table,
                                                const std::string& columns) {
+  if (callerTextRefused("selectWithOrder", "condition", condition) ||
+      callerTextRefused("selectWithOrder", "order", order) || callerTextRefused("selectWithOrder", "columns", columns))
+    return emptyArray();
   ReaderLock categoryLock(categoryLock_);
   auto database = databases_.find(category);
   if (database == databases_.end()) {
@@ -302,6 +333,7 @@ KQValue KQWorldRepresentation::selectWithOrder(const std::string& condition, con
 }
 
 int KQWorldRepresentation::resetDatabase(const std::string& category) {
+  if (!validCategoryName("resetDatabase", category)) return 1;
   WriterLock categoryLock(categoryLock_);
   auto database = databases_.find(category);
   if (database == databases_.end()) {

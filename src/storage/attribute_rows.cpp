@@ -48,6 +48,8 @@ int timeSeconds(const ko::os::timeval& time) { return static_cast<int>(static_ca
 
 }  // namespace
 
+KQValue fieldPair(const std::string& column, const KQValue& value) { return pair(KQValue(column), value); }
+
 std::string objectCondition(const std::string& objectName) { return "ObjectName='" + objectName + "'"; }
 
 void addSpecialFields(KQValue& row, const std::string& objectName, const ko::os::timeval& time) {

@@ -25,6 +25,9 @@ namespace KQ {
 extern const char* const kPositionsAttributeName;  // "positions"
 extern const char* const kDisplayAttributeName;    // "Display"
 
+// [column, value]: one pair of a row given to the database manager.
+KQValue fieldPair(const std::string& column, const KQValue& value);
+
 // "ObjectName='name'". The name is not escaped: a name holding a quote
 // makes the statement fail, as callers of the module know it.
 std::string objectCondition(const std::string& objectName);

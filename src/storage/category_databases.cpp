@@ -15,6 +15,7 @@
 #include "module/module_log.h"
 #include "module/world_representation.h"
 #include "storage/attribute_rows.h"
+#include "storage/name_rules.h"
 
 namespace KQ {
 
@@ -37,6 +38,9 @@ int findDatabases(const std::string& dataDirectory, std::vector<std::string>& pa
     if (fs::is_directory(entry->path(), typeError)) continue;
     const fs::path& path = entry->path();
     if (path.extension() != ".sqlite") continue;
+    // A file no category could have made (".x.sqlite", a control character)
+    // is left alone.
+    if (!isValidCategoryName(path.stem().string())) continue;
     paths.push_back(path.string());
     names.push_back(path.stem().string());
   }

@@ -13,18 +13,26 @@
 #include "module/module_log.h"
 #include "module/world_representation.h"
 #include "storage/attribute_description.h"
+#include "storage/name_rules.h"
 #include "storage/shape_checks.h"
 #include "storage/world_object.h"
 
 namespace KQ {
 
+bool KQWorldRepresentation::validCategoryName(const char* function, const std::string& category) const {
+  if (isValidCategoryName(category)) return true;
+  KQWR_ERROR(function) << "Category name " << printableName(category) << " is not valid.";
+  return false;
+}
+
 int KQWorldRepresentation::createObjectCategory(const std::string& category, const bool& reset) {
+  if (!validCategoryName("createObjectCategory", category)) return 1;
   WriterLock categoryLock(categoryLock_);
   if (categories_.count(category) != 0) {
     KQWR_WARNING("createObjectCategory") << "Category " << category << " already exists!";
     return 1;
   }
-  categories_[category] = boost::shared_ptr<ObjectCategory>(new ObjectCategory(category));
+  categories_[category] = std::shared_ptr<ObjectCategory>(new ObjectCategory(category));
   // A database file already open (found at load) is kept and only emptied
   // when asked; the fixed attributes then find their tables in place.
   xCreateDatabaseFromCategory(category, reset);
@@ -34,6 +42,7 @@ int KQWorldRepresentation::createObjectCategory(const std::string& category, con
 }
 
 int KQWorldRepresentation::removeObjectCategory(const std::string& category) {
+  if (!validCategoryName("removeObjectCategory", category)) return 1;
   // The objects go first, each clearObject taking its own locks; a refusal
   // below still leaves them cleared.
   for (const std::string& name : getObjectsInCategory(category)) clearObject(name);
@@ -89,6 +98,17 @@ int KQWorldRepresentation::xAddAttributeToCategory(const std::string& category, 
   if (!checkFieldsFormat(fields)) {
     KQWR_ERROR("xAddAttributeToCategory") << "Invalid attribute fields format.";
     return 1;
+  }
+  if (!isValidTableName(attribute)) {
+    KQWR_ERROR("xAddAttributeToCategory") << "Attribute name " << printableName(attribute) << " is not valid.";
+    return 1;
+  }
+  for (int i = 0; i < fields.getSize(); ++i) {
+    if (!isValidTableName(fields[i][0].toString())) {
+      KQWR_ERROR("xAddAttributeToCategory") << "Field name " << printableName(fields[i][0].toString())
+                                            << " is not valid.";
+      return 1;
+    }
   }
   if (found->second->hasAttribute(attribute)) {
     KQWR_WARNING("xAddAttributeToCategory") << "Category " << category << " already has an attribute " << attribute;

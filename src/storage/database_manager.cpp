@@ -33,6 +33,10 @@ const std::size_t kStatementCacheCapacity = 128;
 const int kMaxValueBytes = 64 * 1024 * 1024;
 
 std::atomic<int> gOpenConnections{0};
+// Limits every new connection starts with (the service sets them from its
+// options before any category opens).
+std::atomic<int> gDefaultDeadlineMs{kDefaultQueryDeadlineMs};
+std::atomic<std::size_t> gDefaultResultCapBytes{std::size_t{1} << 20};
 
 #define KQDB_LOG(level, function) KO_LOG((level), kLogCategory, "", (function), 0)
 
@@ -80,8 +84,10 @@ bool startsWithNoCase(const char* text, const char* prefix) {
 // neither SQLite's own (sqlite_master, sqlite_sequence, ...) nor a pragma
 // exposed as a table (pragma_table_info, ...).
 bool isOwnTable(const char* table, const char* database) {
-  if (table == nullptr || database == nullptr) return false;
-  if (sqlite3_stricmp(database, "main") != 0) return false;
+  if (table == nullptr) return false;
+  // A read of no column (count(*), a constant) names no database; ATTACH is
+  // refused, so such a table is one of this database's.
+  if (database != nullptr && sqlite3_stricmp(database, "main") != 0) return false;
   return !startsWithNoCase(table, "sqlite_") && !startsWithNoCase(table, "pragma_");
 }
 
@@ -232,6 +238,9 @@ class KQDatabaseManager::Connection {
 
   ~Connection() {
     if (db_ == nullptr) return;
+    // A caller's transaction still open when its category goes or the
+    // service stops is committed, not rolled back with the connection.
+    if (sqlite3_get_autocommit(db_) == 0) exec("COMMIT", "KQDatabaseManager");
     {
       std::lock_guard<std::mutex> lock(cacheMutex_);
       for (auto& entry : lru_) {
@@ -251,10 +260,9 @@ class KQDatabaseManager::Connection {
   const std::string& path() const { return path_; }
   sqlite3* db() const { return db_; }
   int deadlineMs() const { return deadlineMs_.load(); }
-  // Open beginTransaction calls not yet ended; written only by writers,
-  // which the owner serialises.
-  int transactionDepth = 0;
   void setDeadlineMs(int ms) { deadlineMs_.store(ms); }
+  std::size_t resultCapBytes() const { return resultCapBytes_.load(); }
+  void setResultCapBytes(std::size_t bytes) { resultCapBytes_.store(bytes); }
 
   // Runs SQL written here (no caller text), discarding any rows.
   int exec(const std::string& sql, const char* function) {
@@ -312,7 +320,8 @@ class KQDatabaseManager::Connection {
     sqlite3_mutex_leave(mutex);
     if (rc == SQLITE_ROW || rc == SQLITE_DONE) return rc;
     if (rc == SQLITE_INTERRUPT) {
-      KQDB_LOG(ko::log::error, function) << "Query interrupted after " << deadlineMs() << " ms: " << sql;
+      KQDB_LOG(ko::log::error, function) << "Statement interrupted at its deadline of " << deadlineMs()
+                                         << " ms (--sql-timeout-ms): " << sql;
     } else {
       KQDB_LOG(ko::log::error, function) << "Could not run " << sql << ": " << message;
     }
@@ -368,7 +377,8 @@ class KQDatabaseManager::Connection {
 
   std::string path_;
   sqlite3* db_ = nullptr;
-  std::atomic<int> deadlineMs_{kDefaultQueryDeadlineMs};
+  std::atomic<int> deadlineMs_{gDefaultDeadlineMs.load()};
+  std::atomic<std::size_t> resultCapBytes_{gDefaultResultCapBytes.load()};
   std::mutex cacheMutex_;
   std::list<Entry> lru_;  // most recently used first
   std::unordered_map<std::string, std::list<Entry>::iterator> index_;
@@ -472,6 +482,15 @@ std::string KQDatabaseManager::storagePath() const { return connection_ ? connec
 
 void KQDatabaseManager::setQueryDeadline(int milliseconds) {
   if (connection_) connection_->setDeadlineMs(milliseconds);
+}
+
+void KQDatabaseManager::setResultCap(std::size_t bytes) {
+  if (connection_) connection_->setResultCapBytes(bytes);
+}
+
+void KQDatabaseManager::setDefaultLimits(int deadlineMs, std::size_t resultCapBytes) {
+  gDefaultDeadlineMs.store(deadlineMs);
+  gDefaultResultCapBytes.store(resultCapBytes);
 }
 
 int KQDatabaseManager::openConnectionCount() { return gOpenConnections.load(); }
@@ -635,7 +654,7 @@ int KQDatabaseManager::updateRow(const std::string& table, const KQValue& row, c
     sql += quoteSqlIdentifier(pairs[i][0].toString()) + " = ?";
   }
   sql += " WHERE " + where;
-  AccessScope scope(Access::kWrite, 0);
+  AccessScope scope(Access::kWrite, connection_->deadlineMs());
   CachedStatement stmt(*connection_, sql, "updateRow");
   if (stmt.status() != SQLITE_OK) return stmt.status();
   int rc = bindRow(stmt.get(), row, "updateRow");
@@ -645,7 +664,7 @@ int KQDatabaseManager::updateRow(const std::string& table, const KQValue& row, c
 
 int KQDatabaseManager::deleteRow(const std::string& table, const std::string& where) {
   if (!xReady("deleteRow")) return 1;
-  AccessScope scope(Access::kWrite, 0);
+  AccessScope scope(Access::kWrite, connection_->deadlineMs());
   CachedStatement stmt(*connection_, "DELETE FROM " + quoteSqlIdentifier(table) + " WHERE " + where, "deleteRow");
   if (stmt.status() != SQLITE_OK) return stmt.status();
   return stmt.run();
@@ -677,12 +696,23 @@ KQValue KQDatabaseManager::xQuery(const std::string& sql, const char* function) 
     return emptyArray();
   }
   const int columnCount = sqlite3_column_count(stmt.get());
+  const std::size_t cap = connection_->resultCapBytes();
+  std::size_t bytes = 0;
   std::vector<KQValue> rows;
   int rc;
   while ((rc = stmt.step()) == SQLITE_ROW) {
     KQValue row;
     row.arraySetSize(columnCount);
-    for (int i = 0; i < columnCount; ++i) row[i] = readColumn(stmt.get(), i);
+    for (int i = 0; i < columnCount; ++i) {
+      row[i] = readColumn(stmt.get(), i);
+      // A text counts its bytes, any other value 8.
+      bytes += row[i].isString() ? row[i].toString().size() : 8;
+    }
+    if (bytes > cap) {
+      KQDB_LOG(ko::log::error, function) << "Result larger than its cap of " << cap
+                                         << " bytes (--max-message): " << sql;
+      return emptyArray();
+    }
     rows.push_back(std::move(row));
   }
   if (rc != SQLITE_DONE) return emptyArray();
@@ -708,30 +738,25 @@ int KQDatabaseManager::resetDatabase() {
 
 int KQDatabaseManager::beginTransaction() {
   if (!xReady("beginTransaction")) return 1;
-  // A begin inside an open begin joins it and only the outermost end
-  // commits: a store that brackets its own rows inside a caller's
-  // transaction must not commit the caller's work early.
-  if (connection_->transactionDepth > 0 && sqlite3_get_autocommit(connection_->db()) == 0) {
-    ++connection_->transactionDepth;
-    return 0;
+  if (sqlite3_get_autocommit(connection_->db()) == 0) {
+    KQDB_LOG(ko::log::error, "beginTransaction") << "A transaction is already open on " << connection_->path();
+    return 1;
   }
-  const int rc = connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
-  if (rc == SQLITE_OK) connection_->transactionDepth = 1;
-  return rc;
+  return connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
 }
 
 int KQDatabaseManager::endTransaction() {
   if (!xReady("endTransaction")) return 1;
-  // A transaction that SQLite already ended (rolled back on an error) leaves
-  // nothing to join.
-  if (sqlite3_get_autocommit(connection_->db()) != 0) connection_->transactionDepth = 0;
-  if (connection_->transactionDepth > 1) {
-    --connection_->transactionDepth;
-    return 0;
+  if (sqlite3_get_autocommit(connection_->db()) != 0) {
+    KQDB_LOG(ko::log::error, "endTransaction") << "No transaction is open on " << connection_->path();
+    return 1;
   }
-  const int rc = connection_->exec("COMMIT", "endTransaction");
-  if (rc == SQLITE_OK) connection_->transactionDepth = 0;
-  return rc;
+  return connection_->exec("COMMIT", "endTransaction");
+}
+
+int KQDatabaseManager::inTransaction(const std::function<int()>& work) {
+  if (!xReady("inTransaction")) return 1;
+  return xInTransaction("inTransaction", work);
 }
 
 }  // namespace KQ

@@ -15,7 +15,8 @@
 // stand (after WHERE, ORDER BY, SELECT). One statement per call: text with a
 // non-blank tail after the first statement fails and the tail never runs.
 // select and selectWithOrder run read-only (statement check, an authorizer
-// that allows reading this database's tables only, a progress deadline);
+// that allows reading this database's tables only, a progress deadline, a
+// cap on the bytes returned);
 // the conditions of updateRow and deleteRow pass the same authorizer, with
 // changing rows of this database's tables allowed besides.
 //
@@ -32,6 +33,7 @@
 #ifndef KQ_STORAGE_DATABASE_MANAGER_H_
 #define KQ_STORAGE_DATABASE_MANAGER_H_
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -64,13 +66,23 @@ class KQDatabaseManager {
   KQValue selectWithOrder(const std::string& table, const std::string& where, const std::string& order,
                           const std::string& columns, int last) const;
   int resetDatabase();
-  // Transactions nest: a begin inside an open one joins it, and only the
-  // outermost end commits.
+  // A caller's transaction: a begin while one is open is refused (non-zero,
+  // nothing changes); end commits everything since the begin. One left open
+  // when the connection closes is committed.
   int beginTransaction();
   int endTransaction();
+  // Runs `work` (a few writes) atomically: inside the open transaction if
+  // there is one (nothing is committed early), else in one of its own.
+  int inTransaction(const std::function<int()>& work);
 
-  // Milliseconds a select may run before it is interrupted (default 2000).
+  // Milliseconds a statement holding caller text (select, update, delete)
+  // may run before it is interrupted (default 2000).
   void setQueryDeadline(int milliseconds);
+  // Bytes of values a select may return before it is cut off with an empty
+  // result and an error line (default 1 MiB).
+  void setResultCap(std::size_t bytes);
+  // The deadline and cap every connection opened from now on starts with.
+  static void setDefaultLimits(int deadlineMs, std::size_t resultCapBytes);
   // Number of connections currently open in this process (for tests).
   static int openConnectionCount();
 

@@ -1,5 +1,5 @@
 // ObjectCategory: a named set of attributes, looked up by attribute name.
-// Shared (boost::shared_ptr) between the module's category map and every
+// Shared (std::shared_ptr) between the module's category map and every
 // WorldObject of the category; the archive writes one record per category
 // and restores the sharing.
 //

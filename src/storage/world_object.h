@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include <boost/shared_ptr.hpp>
+#include <memory>
 
 #include "spatial/graph_node_data.h"
 #include "storage/object_category.h"
@@ -13,12 +13,12 @@
 class WorldObject : public GraphNodeData {
  public:
   WorldObject() = default;
-  WorldObject(const std::string& name, boost::shared_ptr<ObjectCategory> category)
+  WorldObject(const std::string& name, std::shared_ptr<ObjectCategory> category)
       : name_(name), category_(std::move(category)) {}
   ~WorldObject() override;
 
   const std::string& getName() const override { return name_; }
-  const boost::shared_ptr<ObjectCategory>& getCategory() const { return category_; }
+  const std::shared_ptr<ObjectCategory>& getCategory() const { return category_; }
   // The category's name, or "" when the object has no category.
   std::string getCategoryName() const;
 
@@ -28,7 +28,7 @@ class WorldObject : public GraphNodeData {
   void serialize(Archive& ar, unsigned int version);  // world_archive.cpp
 
   std::string name_;
-  boost::shared_ptr<ObjectCategory> category_;
+  std::shared_ptr<ObjectCategory> category_;
 };
 
 #endif  // KQ_STORAGE_WORLD_OBJECT_H_

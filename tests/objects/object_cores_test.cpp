@@ -2,7 +2,7 @@
 // the pose between two stored rows, and the way from a name to a database.
 #include <gtest/gtest.h>
 
-#include <boost/make_shared.hpp>
+#include <memory>
 #include <map>
 #include <memory>
 #include <string>
@@ -58,9 +58,9 @@ TEST(ObjectResolverTest, NamesTheFirstMissingLink) {
     auto edge = std::make_shared<Displacement>(std::vector<float>{1, 0, 0, 0}, std::vector<float>{0, 0, 0});
     ASSERT_EQ(0, graph.addNode(objects[name], edge, 0));
   }
-  graph.setNodeData(objects["cup"], std::make_shared<WorldObject>("cup", boost::make_shared<ObjectCategory>("Cups")));
+  graph.setNodeData(objects["cup"], std::make_shared<WorldObject>("cup", std::make_shared<ObjectCategory>("Cups")));
   graph.setNodeData(objects["lamp"],
-                    std::make_shared<WorldObject>("lamp", boost::make_shared<ObjectCategory>("Lamps")));
+                    std::make_shared<WorldObject>("lamp", std::make_shared<ObjectCategory>("Lamps")));
   graph.setNodeData(objects["loose"], std::make_shared<WorldObject>("loose", nullptr));
 
   using Missing = ResolvedObject::Missing;

@@ -150,18 +150,27 @@ TEST_F(MemoryModuleTest, AMalformedValueIsWarnedAndSkipped) {
   EXPECT_EQ(0u, logs().count(ko::log::error));
 }
 
-TEST_F(MemoryModuleTest, AMemoryModuleThatThrowsEndsTheWatcherCleanly) {
+TEST_F(MemoryModuleTest, TheWatcherNeverGivesUpOnTheWorld) {
   memory().setData("Object/cup", published("table", {0.1f, 0.2f, 0.3f}, "cup.dae"));
   world().startMemoryCheck(0);
   waitFor([&] { return world().findObject("cup"); });
-  // Case: the error is logged, the thread ends, and a stop still returns.
+  // Case: a listing that fails is logged, and the next pass mirrors again.
   memory().throwOnGetDataList(true);
   waitFor([&] {
     return logs().contains(ko::log::error, "xCheckMemory",
-                           "Memory check stopped: KQMemory.getDataList: memory refused to list Object/");
+                           "Cannot list the memory keys: KQMemory.getDataList: memory refused to list Object/");
   });
-  world().stopMemoryCheck();
   memory().throwOnGetDataList(false);
+  // Case: a key whose read fails is logged with its cause and skipped; the others are still mirrored.
+  memory().throwOnGetData(true);
+  waitFor([&] {
+    return logs().contains(ko::log::error, "xCheckMemory",
+                           "Key Object/cup skipped this pass: KQMemory.getData: memory refused to read Object/cup");
+  });
+  memory().throwOnGetData(false);
+  memory().setData("Object/mug", published("table", {0.5f, 0, 0}, "mug.dae"));
+  waitFor([&] { return world().findObject("mug"); });
+  world().stopMemoryCheck();
 }
 
 TEST_F(MemoryModuleTest, StopWaitsForTheWindUpThatTakesThePublishedObjectsOffTheDisplay) {

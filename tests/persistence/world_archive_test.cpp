@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/archive/xml_oarchive.hpp>
-#include <boost/make_shared.hpp>
+#include <memory>
 #include <cmath>
 #include <future>
 #include <memory>
@@ -49,7 +49,7 @@ SaveVisitor::Edge edge(int parentId, const std::string& parent, int childId, con
 }
 
 std::shared_ptr<WorldObject> frame(const std::string& name) {
-  return std::make_shared<WorldObject>(name, boost::make_shared<ObjectCategory>("frame"));
+  return std::make_shared<WorldObject>(name, std::make_shared<ObjectCategory>("frame"));
 }
 
 class WorldArchiveTest : public WorldFixture {

@@ -42,7 +42,7 @@ std::shared_ptr<Displacement> fixedEdge(float x = 0) {
 }
 
 std::shared_ptr<WorldObject> object(const std::string& name) {
-  return std::make_shared<WorldObject>(name, boost::shared_ptr<ObjectCategory>());
+  return std::make_shared<WorldObject>(name, std::shared_ptr<ObjectCategory>());
 }
 
 //   0 -- 1 a -- 3 c -- 5 e      fixed edges

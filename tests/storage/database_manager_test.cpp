@@ -6,7 +6,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
-#include <boost/make_shared.hpp>
+#include <memory>
 #include <climits>
 #include <map>
 #include <string>
@@ -50,7 +50,7 @@ TEST(ObjectResolver, NamesTheFirstMissingLinkFromNameToDatabase) {
   std::map<std::string, int> objects;
   std::map<std::string, KQDatabaseManager> databases = {{"Cups", KQDatabaseManager()}};
   auto object = [](const char* name, const char* category) {
-    return std::make_shared<WorldObject>(name, category ? boost::make_shared<ObjectCategory>(category) : nullptr);
+    return std::make_shared<WorldObject>(name, category ? std::make_shared<ObjectCategory>(category) : nullptr);
   };
   using Missing = ResolvedObject::Missing;
   struct Case {
@@ -155,16 +155,25 @@ TEST_F(DatabaseManagerTest, SaveLeavesTheRowsInTheDatabaseFileItself) {
   EXPECT_EQ(std::vector<std::vector<std::string>>{{"wal"}}, sqliteRows(path(), "PRAGMA journal_mode"));
 }
 
-TEST_F(DatabaseManagerTest, TransactionsNestAndOnlyTheOutermostEndCommits) {
+TEST_F(DatabaseManagerTest, ACallersTransactionCommitsOnlyAtItsEnd) {
   ASSERT_EQ(0, db_.beginTransaction());
-  ASSERT_EQ(0, db_.beginTransaction());  // a store bracketing its rows inside the caller's
-  addPositions("cup", 1, 2);
-  ASSERT_EQ(0, db_.endTransaction());
+  // Case: a second begin is refused and changes nothing.
+  EXPECT_NE(0, db_.beginTransaction());
+  // Case: a store's own bracket joins the caller's transaction: nothing is committed early.
+  EXPECT_EQ(0, db_.inTransaction([&] {
+    addPositions("cup", 1, 2);
+    return 0;
+  }));
   EXPECT_EQ(2, db_.select("positions", "1", "*").getSize());
   EXPECT_EQ(0, outsideCount("positions"));
   ASSERT_EQ(0, db_.endTransaction());
   EXPECT_EQ(2, outsideCount("positions"));
   EXPECT_NE(0, db_.endTransaction());
+  // Case: one left open when the connection closes is committed, not lost.
+  ASSERT_EQ(0, db_.beginTransaction());
+  addPositions("mug", 1, 1);
+  db_ = KQDatabaseManager();
+  EXPECT_EQ(3, outsideCount("positions"));
 }
 
 TEST_F(DatabaseManagerTest, ResetEmptiesEveryTableAndKeepsThem) {
@@ -218,8 +227,12 @@ TEST_F(DatabaseManagerTest, ARunawayQueryIsInterruptedAndTheConnectionGoesOn) {
   const std::string endless =
       "EXISTS (WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n) SELECT 1 FROM n WHERE x < 0)";
   EXPECT_EQ(list({}), db_.select("positions", endless, "*"));
-  EXPECT_EQ(std::vector<std::string>{"Query interrupted after 200 ms: SELECT * FROM \"positions\" WHERE " + endless},
+  EXPECT_EQ(std::vector<std::string>{"Statement interrupted at its deadline of 200 ms (--sql-timeout-ms): SELECT * "
+                                     "FROM \"positions\" WHERE " + endless},
             logs_.messagesOf("select"));
+  // Case: conditions of updates and deletes have the same deadline, and change nothing.
+  EXPECT_NE(0, db_.deleteRow("positions", endless));
+  EXPECT_NE(0, db_.updateRow("positions", list({list({"X", 1.0f})}), endless));
   // Case: the interrupted statement goes back to the cache and is usable again.
   for (int i = 0; i < 2; ++i) EXPECT_EQ(list({}), db_.selectWithOrder("positions", endless, "TimeS", "*", 0));
   EXPECT_EQ(1, db_.select("positions", "1", "*").getSize());

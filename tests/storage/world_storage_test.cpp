@@ -125,6 +125,20 @@ TEST_F(AttributeRowsTest, RefusalsByNameChangeNothing) {
        "error xAddAttributeToCategory: Category Nope does not exist."},
       {"addAttributeToCategory", list({"Cups", "volume", list({list({"l", 2})})}), 1,
        "error xAddAttributeToCategory: Invalid attribute fields format."},
+      // Case: names that would leave the data folder or take SQLite's own tables.
+      {"createObjectCategory", list({"../x", false}), 1, "error createObjectCategory: Category name ../x is not valid."},
+      {"removeObjectCategory", list({"a/b"}), 1, "error removeObjectCategory: Category name a/b is not valid."},
+      {"addAttributeToCategory", list({"Cups", "sqlite_x", list({})}), 1,
+       "error xAddAttributeToCategory: Attribute name sqlite_x is not valid."},
+      {"addAttributeToCategory", list({"Cups", "volume", list({list({"pragma_a", "int"})})}), 1,
+       "error xAddAttributeToCategory: Field name pragma_a is not valid."},
+      // Case: caller text that would leave its place never reaches SQLite.
+      {"select", list({"1; DROP TABLE stock", "Cups", "stock", "*"}), list({}),
+       "error select: Refused the condition 1; DROP TABLE stock: a \";\" outside a string."},
+      {"selectWithOrder", list({"1", "TimeS -- x", "Cups", "stock", "*"}), list({}),
+       "error selectWithOrder: Refused the order TimeS -- x: \"--\" outside a string."},
+      {"deleteObjectAttribute", list({"cup1", "stock", "1) OR (1"}), 1,
+       "error deleteObjectAttribute: Refused the condition 1) OR (1: a \")\" without its \"(\"."},
       // Case: raw selects of an unknown category answer an invalid value, not an empty list.
       {"select", list({"1", "Nope", "stock", "*"}), KQValue(), "error select: Category Nope not found."},
       {"selectWithOrder", list({"1", "TimeS", "Nope", "stock", "*"}), KQValue(),
@@ -135,6 +149,7 @@ TEST_F(AttributeRowsTest, RefusalsByNameChangeNothing) {
     EXPECT_EQ(c.answer, world().callMethod(c.method, c.arguments)) << c.method << c.arguments;
     EXPECT_EQ(c.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.line}, worldLog());
   }
+  EXPECT_EQ(1, world().resetDatabase(".."));
   EXPECT_EQ(list({}), rows("*"));
   EXPECT_EQ(3, world().getAttributesFromCategory("Cups").getSize());
   EXPECT_THROW(world().getAttributesFromCategory("Nope"), KQError);
@@ -158,6 +173,22 @@ TEST_F(AttributeRowsTest, UpdateAndDeleteTouchOnlyTheObjectsOwnMatchingRows) {
   EXPECT_NE(0, world().updateAttribute("cup1", "stock", "", list({list({"kg", 7.0f})})));
   EXPECT_NE(0, world().deleteObjectAttribute("cup1", "stock", ""));
   EXPECT_EQ(list({list({"cup1", 2.0f}), list({"cup2", 3.0f})}), rows("ObjectName, kg"));
+}
+
+TEST_F(AttributeRowsTest, WhatCanBeStoredCanBeReadAndAQuoteReachesNoOtherRows) {
+  // Case: fields named like keywords or with blanks read back; computed columns work.
+  ASSERT_EQ(0, world().addAttributeToCategory("Cups", "odd", list({list({"order", "int"}), list({"a b", "text"})})));
+  ASSERT_EQ(0, world().storeObjectAttribute("cup1", "odd", list({list({"order", 3}), list({"a b", "x"})})));
+  EXPECT_EQ(list({list({"cup1", kT0, 0, 3, "x"})}), world().getObjectAttributeValues("cup1", "odd", 1));
+  EXPECT_EQ(list({list({2, 1})}), world().select("1", "Cups", "positions", "count(*), 1"));
+  // Case: a name holding a quote builds no statement: nothing of cup1 or cup2 changes.
+  storeIn("Cups", "z' OR ''='");
+  ASSERT_EQ(0, world().storeObjectAttribute("cup1", "stock", list({list({"kg", 3.0f})})));
+  EXPECT_NE(0, world().updateAttribute("z' OR ''='", "stock", "1", list({list({"kg", 9.0f})})));
+  EXPECT_NE(0, world().deleteObjectAttribute("z' OR ''='", "stock", "1"));
+  EXPECT_EQ(0, world().clearObject("z' OR ''='"));
+  EXPECT_EQ(list({list({"cup1", 3.0f})}), rows("ObjectName, kg"));
+  EXPECT_EQ(list({list({3})}), world().select("1", "Cups", "positions", "count(*)"));
 }
 
 TEST_F(AttributeRowsTest, ClearingOldPositionsKeepsTheRowsOfTheCutOffSecond) {
