@@ -1,4 +1,4 @@
-// KQValue: typed access and its refusals, arrays, equality, order, and text.
+// KQValue: typed access and its refusals, arrays, equality, and text.
 #include "middleware/value.h"
 
 #include <gtest/gtest.h>
@@ -75,25 +75,13 @@ TEST(ValueTest, ArraysResizePushAndCopyDeeply) {
   EXPECT_EQ("[1.0]", copy.toText());
 }
 
-TEST(ValueTest, EqualityAndOrderAreConsistentSoValuesCanBeKeys) {
+TEST(ValueTest, EqualityHoldsForNanAndSignedZeroSoValuesCanBeKeys) {
   // Case: the int 1 and the float 1.0 differ; NaN equals itself; -0 is 0.
   EXPECT_NE(KQValue(1), KQValue(1.0f));
   EXPECT_EQ(KQValue(kNan), KQValue(kNan));
   EXPECT_EQ(KQValue(-0.0f), KQValue(0.0f));
 
-  // Case: a strict weak order that agrees with ==, NaN included.
-  const float inf = std::numeric_limits<float>::infinity();
-  std::vector<KQValue> values = {KQValue(), KQValue(true), KQValue(-1), KQValue(2), KQValue(-inf), KQValue(-0.0f),
-                                 KQValue(0.0f), KQValue(1.5f), KQValue(kNan), KQValue(""), KQValue("a"),
-                                 KQValue(std::vector<float>{}), KQValue(std::vector<float>{1.0f, 0.0f}),
-                                 KQValue(std::vector<float>{kNan}), KQValue(std::vector<float>{2.0f})};
-  for (const KQValue& x : values) {
-    for (const KQValue& y : values) {
-      EXPECT_FALSE(x < y && y < x) << x << " " << y;
-      EXPECT_EQ(!(x < y) && !(y < x), x == y) << x << " " << y;
-      for (const KQValue& z : values) EXPECT_TRUE(!(x < y && y < z) || x < z) << x << " " << y << " " << z;
-    }
-  }
+  // Case: as keys, NaN is one value and -0 is 0.
   EXPECT_EQ(2u, (std::map<KQValue, int>{{KQValue(kNan), 1}, {KQValue(0.0f), 2}, {KQValue(-0.0f), 3}}.size()));
 }
 

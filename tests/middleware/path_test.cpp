@@ -1,15 +1,12 @@
-// ko::os and ko::path: thread names the kernel cuts at 15 bytes, and which
-// environment variable decides the data folder (made if missing, reported if
-// it cannot be made).
+// ko::path: which environment variable decides the data folder (made if
+// missing, reported if it cannot be made).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 
-#include "middleware/os.h"
 #include "middleware/path.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -17,22 +14,7 @@
 namespace ko {
 namespace {
 
-using namespace os;
 using namespace path;
-TEST(OsTest, ThreadNamesAreCutToFifteenBytes) {
-  const auto kept = [](const std::string& name) {
-    std::string result;
-    std::thread([&] { result = setCurrentThreadName(name) ? getCurrentThreadName() : "(refused)"; }).join();
-    return result;
-  };
-  EXPECT_EQ("KQWorldRep-KQMe", kept("KQWorldRep-KQMemory"));
-  EXPECT_EQ("123456789012345", kept("123456789012345"));
-  // Case: a cut never splits a UTF-8 character ("é" straddles byte 15).
-  EXPECT_EQ("abcdefghijklmn", kept("abcdefghijklmn\xc3\xa9xyz"));
-  // Case: the name ends at an embedded NUL, as the kernel would read it.
-  EXPECT_EQ("ab", kept(std::string("ab\0cd", 5)));
-}
-
 using KQ::test::TempDir;
 
 // Puts HOME, KQ_DATA_HOME and XDG_DATA_HOME back as they were.
