@@ -1,8 +1,7 @@
 """ws_client.py WS_URL STEP...: steps in order; the WebSocket connects when first needed.
 send:TEXT; recv (print the next message); closed (read until closed, print "closed CODE", or "still open"
 after 30 s of silence); abort (drop TCP without a close handshake, stop); post:TEXT (POST to /rpc, print
-the reply, reading nothing else meanwhile); raw:TEXT (new TCP connection, print repr() of all it gets);
-drop:TEXT (send on a new TCP connection, then close)."""
+the reply, reading nothing else meanwhile); raw:TEXT (new TCP connection, print repr() of all it gets)."""
 import asyncio
 import http.client
 import socket
@@ -17,11 +16,10 @@ async def main(url, steps):
     ws = None
     for step in steps:
         kind, _, text = step.partition(":")
-        if kind in ("raw", "drop"):
+        if kind == "raw":
             with socket.create_connection((where.hostname, where.port), timeout=60) as raw:
                 raw.sendall(text.encode())
-                if kind == "raw":
-                    print(repr(b"".join(iter(lambda: raw.recv(65536), b""))))
+                print(repr(b"".join(iter(lambda: raw.recv(65536), b""))))
         elif kind == "post":
             connection = http.client.HTTPConnection(where.hostname, where.port, timeout=120)
             connection.request("POST", "/rpc", body=text, headers={"Content-Type": "application/json"})
