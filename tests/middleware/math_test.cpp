@@ -1,7 +1,6 @@
-// KQ::Math: the conversions every pose of the world goes through. The faults
-// looked for: angle conventions mixed up (order of the elementary rotations,
-// w last instead of first), round trips that drift, and angle extraction that
-// falls apart at pitch +-pi/2 where roll and yaw turn about the same axis.
+// KQ::Math: the conversions every pose of the world goes through. The faults looked for: angle conventions mixed up
+// (order of the elementary rotations, w last instead of first), round trips that drift, and angle extraction that falls
+// apart at pitch +-pi/2 where roll and yaw turn about the same axis.
 #include "middleware/math.h"
 
 #include <cmath>
@@ -28,8 +27,8 @@ Quaternion randomUnitQuaternion(std::mt19937& random) {
 std::vector<float> matrixOf(const Position6D& pose) { return transformFromPosition6D(pose).toVector(); }
 
 TEST(MathTest, Position6DAnglesAreRollPitchYawAboutFixedAxes) {
-  // Case: yaw turns x into y, pitch turns x into -z, roll turns y into z
-  // (elements r[1][0], r[2][0], r[2][1] of the 3x4 row-major matrix).
+  // Case: yaw turns x into y, pitch turns x into -z, roll turns y into z (elements r[1][0], r[2][0], r[2][1] of the 3x4
+  // row-major matrix).
   EXPECT_NEAR(1.0f, matrixOf(Position6D(0, 0, 0, 0, 0, kHalfPi))[4], 1e-6f);
   EXPECT_NEAR(-1.0f, matrixOf(Position6D(0, 0, 0, 0, kHalfPi, 0))[8], 1e-6f);
   EXPECT_NEAR(1.0f, matrixOf(Position6D(0, 0, 0, kHalfPi, 0, 0))[9], 1e-6f);
@@ -42,8 +41,8 @@ TEST(MathTest, Position6DAnglesAreRollPitchYawAboutFixedAxes) {
 }
 
 TEST(MathTest, AnglesSurviveTheRoundTripEvenAtPitchHalfPi) {
-  // Case: any rotation survives transform -> angles -> transform, including
-  // pitch outside +-pi/2 (re-expressed) and close to the singularity.
+  // Case: any rotation survives transform -> angles -> transform, including pitch outside +-pi/2 (re-expressed) and
+  // close to the singularity.
   std::mt19937 random(7);
   for (int i = 0; i < 200; ++i) {
     const Transform original = transformFromQuaternion(randomUnitQuaternion(random));
@@ -69,8 +68,8 @@ TEST(MathTest, QuaternionsAreWFirstHamiltonProductsAndRoundTrip) {
   const Quaternion i(0, 1, 0, 0), j(0, 0, 1, 0);
   EXPECT_EQ((std::vector<float>{0, 0, 0, 1}), (i * j).toVector());
   EXPECT_EQ((std::vector<float>{0, 0, 0, -1}), (j * i).toVector());
-  // Case: a quarter turn about z rotates x onto y; a non-unit quaternion
-  // rotates without scaling; a product rotates by the right factor first.
+  // Case: a quarter turn about z rotates x onto y; a non-unit quaternion rotates without scaling; a product rotates by
+  // the right factor first.
   const Quaternion quarterZ(std::cos(kPi / 4), 0, 0, std::sin(kPi / 4));
   expectFloatsNear({0, 1, 0}, (quarterZ * Position3D(1, 0, 0)).toVector(), 1e-6f);
   expectFloatsNear({0, 1, 0}, (Quaternion(2.0f, 0.0f, 0.0f, 2.0f) * Position3D(1, 0, 0)).toVector(), 1e-6f);
@@ -90,7 +89,7 @@ TEST(MathTest, RigidTransformsInvert) {
   EXPECT_EQ(Transform().toVector(), Transform(std::vector<float>(13, 1.0f)).toVector());  // 12 or identity
   const Transform pose = transformFromPosition6D(Position6D(1.0f, -2.0f, 0.5f, 0.2f, 0.3f, -1.1f));
   expectFloatsNear(Transform().toVector(), (pose * pose.inverse()).toVector(), 1e-6f);
-  // Planar poses are motion_module_test's: the odometry carries them.
+  // Planar poses are MotionModuleTest's (tests/modules): the odometry carries them.
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Modules, the broker and KQError: the method table calls bound members with
-// arrays of values and refuses bad calls before the member runs; the broker
-// hosts modules and hands out proxies; KQError is the sentence callers read.
+// Modules, the broker and KQError: the method table calls bound members with arrays of values and refuses bad calls
+// before the member runs; the broker hosts modules and hands out proxies; KQError is the sentence callers read.
 #include "middleware/module.h"
 
 #include <gtest/gtest.h>

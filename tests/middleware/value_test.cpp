@@ -60,14 +60,12 @@ TEST(ValueTest, ArraysResizePushAndCopyDeeply) {
   row[0] = "ObjectName";
   row.arraySetSize(3);
   EXPECT_EQ("[\"ObjectName\", <invalid>, <invalid>]", row.toText());
-  // Case: pushing onto an invalid value starts an array; an array pushed
-  // into itself is copied as it was.
+  // Case: pushing onto an invalid value starts an array; an array pushed into itself is copied as it was.
   KQValue self;
   self.arrayPush(KQValue(std::vector<float>{1.0f}));
   self.arrayPush(self);
   EXPECT_EQ("[[1.0], [[1.0]]]", self.toText());
-  // Case: a copy is deep; assigning a value one of its own elements (copy
-  // and move) reads no freed memory.
+  // Case: a copy is deep; assigning a value one of its own elements (copy and move) reads no freed memory.
   KQValue copy = self;
   copy = copy[1];
   EXPECT_EQ("[[1.0], [[1.0]]]", self.toText());

@@ -1,5 +1,5 @@
-// How values cross the wire: what a JSON number becomes, how floats are
-// written back, and what is refused before it is built into memory.
+// How values cross the wire: what a JSON number becomes, how floats are written back, and what is refused before it is
+// built into memory.
 #include "middleware/net/json_codec.h"
 
 #include <cstdint>
@@ -26,12 +26,12 @@ KQValue decode(const std::string& text) {
 }
 
 TEST(JsonCodecTest, EveryWrittenFloatReadsBackToTheSameBits) {
-  // Case: whole floats keep a "." and large ones an exponent, so that a
-  // reader keeps them floats; NaN and infinities have no JSON form.
+  // Case: whole floats keep a "." and large ones an exponent, so that a reader keeps them floats; NaN and infinities
+  // have no JSON form.
   const float inf = std::numeric_limits<float>::infinity();
   EXPECT_EQ(toJson(list({-2.0f, 0.0f, 0.1f, 1e30f, 1e-45f, inf, -inf})).dump(), "[-2.0,0.0,0.1,1e+30,1e-45,null,null]");
-  // Case: walking the float line in uneven steps through every exponent,
-  // the text comes back as exactly the float it came from.
+  // Case: walking the float line in uneven steps through every exponent, the text comes back as exactly the float it
+  // came from.
   for (uint32_t bits = 1; bits < 0x7f800000u; bits += 0x0001f3d7u) {
     float value;
     std::memcpy(&value, &bits, sizeof(value));
@@ -43,15 +43,13 @@ TEST(JsonCodecTest, EveryWrittenFloatReadsBackToTheSameBits) {
 }
 
 TEST(JsonCodecTest, ValuesAreReadByHowTheyAreWritten) {
-  // Case: integers are ints to both ends of 32 bits; a fraction or an
-  // exponent makes a float, even when whole.
+  // Case: integers are ints to both ends of 32 bits; a fraction or an exponent makes a float, even when whole.
   EXPECT_EQ(decode("[2147483647, -2147483648, 1.0, 1e2, \"cup\", true, null, [[]]]"),
             list({2147483647, std::numeric_limits<int>::min(), 1.0f, 100.0f, "cup", true, KQValue(), list({list({})})}));
   const std::pair<const char*, const char*> refusals[] = {
       {"2147483648", "2147483648 does not fit in a 32-bit int"},
       {"-2147483649", "-2147483649 does not fit in a 32-bit int"},
-      // Too wide even for 64 bits, it stays an integer (nlohmann alone would
-      // make it a float and let it through).
+      // Too wide even for 64 bits, it stays an integer (nlohmann alone would make it a float and let it through).
       {"123456789012345678901234567890", "an integer does not fit in a 32-bit int"},
       {"1e39", "1e+39 does not fit in a float"},
       {"[1, [{}]]", "a JSON object is not a value"},
@@ -60,8 +58,8 @@ TEST(JsonCodecTest, ValuesAreReadByHowTheyAreWritten) {
 }
 
 TEST(JsonCodecTest, RepliesWrittenStraightToTextMatchTheDocumentForm) {
-  // Replies skip the JSON document; whatever a module answers must still
-  // come out as the document would write it, odd strings included.
+  // Replies skip the JSON document; whatever a module answers must still come out as the document would write it, odd
+  // strings included.
   const KQValue mixed = list({"tab\t quote\" back\\ bell\x07 del\x7f", "Tasse \xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80",
                               "broken \xff\xfe and \xc3", "surrogate \xed\xa0\x80", -0.0f,
                               std::numeric_limits<float>::infinity(), std::numeric_limits<int>::min(), false,
@@ -76,26 +74,22 @@ std::string nested(int depth) {
 }
 
 TEST(JsonCodecTest, DepthIsMeasuredBeforeAnythingIsBuiltAndBrokenTextRefused) {
-  // Case: 64 levels pass, 65 do not.
-  json document;
-  EXPECT_EQ(parseJson(nested(64), document), ParseOutcome::Ok);
-  EXPECT_EQ(parseJson(nested(65), document), ParseOutcome::TooDeep);
-  // Case: objects count like arrays.
-  EXPECT_TRUE(jsonDepthExceeds(std::string(40, '[') + std::string(30, '{')));
-  // Case: a deep text that never closes is refused for its depth, not read
-  // to the end (a 10 MB "[[[[" costs 65 steps of building).
-  EXPECT_EQ(parseJson(std::string(10 << 20, '['), document), ParseOutcome::TooDeep);
-  // Case: brackets inside strings, escaped quotes included, do not count.
   const std::string quoted = "[\"" + std::string(100, '[') + "\\\"" + std::string(100, '{') + "\"]";
-  EXPECT_EQ(parseJson(quoted, document), ParseOutcome::Ok);
-  // Case: closing more than was opened does not make room for more.
-  EXPECT_TRUE(jsonDepthExceeds("]]]]" + nested(65)));
-  // Case: broken text is a syntax error with the parser's reason; so is
-  // text that is not UTF-8, and a number beyond even a double.
+  const ParseOutcome ok = ParseOutcome::Ok, deep = ParseOutcome::TooDeep, broken = ParseOutcome::SyntaxError;
+  const std::pair<std::string, ParseOutcome> cases[] = {
+      {nested(64), ok}, {nested(65), deep}, {std::string(40, '[') + std::string(30, '{'), deep},  // objects count too
+      // A deep text that never closes is refused for its depth, not read to the end (10 MB of "[" cost 65 steps).
+      {std::string(10 << 20, '['), deep},
+      {quoted, ok},  // brackets inside strings, escaped quotes included, do not count
+      {"]]]]" + nested(65), deep},  // closing more than was opened makes no room for more
+      // Broken text is a syntax error; so is text that is not UTF-8, and a number beyond even a double.
+      {"", broken}, {"[1,]", broken}, {"\"\xff\"", broken}, {"-1e999", broken}};
+  json document;
+  for (const auto& [text, outcome] : cases) EXPECT_EQ(parseJson(text, document), outcome) << text.substr(0, 80);
+  // Case: a syntax error carries the parser's reason.
   std::string reason;
   EXPECT_EQ(parseJson("{\"jsonrpc\": ", document, kMaxJsonDepth, &reason), ParseOutcome::SyntaxError);
   EXPECT_NE(reason.find("parse error"), std::string::npos) << reason;
-  for (const char* text : {"", "[1,]", "\"\xff\"", "-1e999"}) EXPECT_EQ(parseJson(text, document), ParseOutcome::SyntaxError);
 }
 
 }  // namespace
