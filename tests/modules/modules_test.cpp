@@ -39,20 +39,17 @@ class MemoryModuleTest : public ::testing::Test {
 TEST_F(MemoryModuleTest, KeysHoldOneValueAndRaisedEventsKeepTheirLast) {
   // Case: an absent key is an error, not an invalid value a caller would mistake for a stored one; a second insert
   // replaces the value; removing twice is no error; the filter matches anywhere in the key (keys may carry a prefix).
-  EXPECT_EQ(test::errorOf([&] { memory_->getData("Object/cup"); }),
+  EXPECT_EQ(errorOf([&] { memory_->getData("Object/cup"); }),
             "KQMemory.getData: There is no data under key Object/cup.");
   memory_->insertData("Object/cup", KQValue(1));
   for (const char* key : {"Object/cup", "robot/Object/box", "Objects", "gone"}) memory_->insertData(key, KQValue(key));
-  memory_->removeData("gone");
-  memory_->removeData("gone");
+  for (int twice = 0; twice < 2; ++twice) memory_->removeData("gone");
   EXPECT_EQ(memory_->getData("Object/cup"), KQValue("Object/cup"));
   const std::pair<const char*, Names> lists[] = {{"Object/", {"Object/cup", "robot/Object/box"}},
                                                  {"", {"Object/cup", "Objects", "robot/Object/box"}}};
   for (const auto& [filter, names] : lists) EXPECT_EQ(memory_->getDataList(filter), names) << filter;
-  // Case: the world model reads a raised value back with getData; declaring twice lists once; raising an undeclared
-  // event declares it.
-  memory_->declareEvent("Display");
-  memory_->declareEvent("Display");
+  // Case: a raised value reads back with getData; declaring twice lists once; raising an undeclared event declares it.
+  for (int twice = 0; twice < 2; ++twice) memory_->declareEvent("Display");
   memory_->raiseEvent("Display", KQValue(Names{"cup"}));
   memory_->raiseEvent("Undeclared", KQValue(3));
   EXPECT_EQ(memory_->getData("Display"), KQValue(Names{"cup"}));
@@ -63,8 +60,7 @@ TEST_F(MemoryModuleTest, SubscribersRunOutsideTheLockAndOneFailureSparesTheOther
   test::LogCapture log;
   Names seen;
   auto proxy = memory_->getGenericProxy();
-  // Case: a callback that reads the module back would deadlock if the module held its lock while calling; a throwing
-  // one is logged and the next is still called.
+  // Case: a callback may read the module back (its lock is not held); a throwing one is logged, the next still called.
   const uint64_t reader = proxy->subscribe("Ping", [&](const std::string& event, const KQValue& value) {
     seen.push_back(event + "=" + memory_->getData("Ping").toText() + "/" + value.toText());
   });
@@ -111,16 +107,13 @@ TEST_F(MemoryModuleTest, UnsubscribeWaitsForARunningCallbackSoItsOwnerMayGo) {
 const std::string kRobotFile = KQ_SOURCE_DIR "/tests/modules/test_robot.urdf";
 
 void expectTranslation(const Math::Transform& t, float x, float y, float z) {
-  EXPECT_NEAR(t.r[0][3], x, 1e-5f);
-  EXPECT_NEAR(t.r[1][3], y, 1e-5f);
-  EXPECT_NEAR(t.r[2][3], z, 1e-5f);
+  test::expectFloatsNear({x, y, z}, {t.r[0][3], t.r[1][3], t.r[2][3]}, 1e-5f);
 }
 
 TEST(RobotModelTest, ReadsEveryJointKindInDocumentOrder) {
   const RobotModel model = RobotModel::fromFile(kRobotFile, "Torso");
   EXPECT_EQ(model.rootLink(), "base_link");
-  // Case: urdfdom sorts joints by name; the description's order is kept, fixed joints left out, mimic joints kept
-  // (their links move).
+  // Case: the description's order, not urdfdom's by name; fixed joints left out, mimic joints kept (their links move).
   EXPECT_EQ(model.movableJoints(), (std::vector<std::string>{"Yaw", "Slide", "Follow", "Echo", "Wheel"}));
   EXPECT_EQ(model.mimicMaster("Follow"), "Yaw");
 }
@@ -165,9 +158,7 @@ TEST(RobotModelTest, ClampsToLimitsAndMimicJointsFollowTheirMaster) {
 // Unknown links and a missing torso link are e2e's (test_robot.py), as the service reports them.
 TEST(RobotModelTest, RefusesDescriptionsItCannotUseWithOneSentence) {
   const std::string links = R"(<robot name="r"><link name="Torso"/><link name="A"/>)";
-  const struct {
-    std::string xml, message;  // message: the start of what() after "test.urdf"
-  } refusals[] = {
+  const std::pair<std::string, std::string> refusals[] = {  // the text, the start of what() after "test.urdf"
       {"this is not a robot", ": "},
       {links + R"(<joint name="j" type="continuous"><parent link="Torso"/><child link="A"/><mimic joint="ghost"/>
                   </joint></robot>)", ": joint j mimics unknown joint ghost"},
@@ -175,9 +166,9 @@ TEST(RobotModelTest, RefusesDescriptionsItCannotUseWithOneSentence) {
                   <joint name="b" type="continuous"><parent link="A"/><child link="B"/><mimic joint="a"/></joint>
                   </robot>)", ": joint a mimics itself through a cycle"},
   };
-  for (const auto& r : refusals) {
-    const std::string what = test::errorOf([&] { RobotModel::fromText(r.xml, "Torso", "test.urdf"); });
-    EXPECT_EQ(what.rfind("Cannot read robot description test.urdf" + r.message, 0), 0u) << what;
+  for (const auto& [xml, message] : refusals) {
+    const std::string what = errorOf([&] { RobotModel::fromText(xml, "Torso", "test.urdf"); });
+    EXPECT_EQ(what.rfind("Cannot read robot description test.urdf" + message, 0), 0u) << what;
   }
 }
 
@@ -207,8 +198,7 @@ TEST_F(MotionModuleTest, BodyNamesAreTheTorsoThenTheMovableJoints) {
 }
 
 TEST_F(MotionModuleTest, TransformsInTheThreeSpacesAgree) {
-  // Case: the torso stands 0.5 m over the ground frame (robot space) and is its own identity in torso space, where the
-  // mount height drops out.
+  // Case: the torso stands 0.5 m over the ground (robot space) and is identity in torso space (no mount height).
   test::expectFloatsNear({0, 0, 0.5f}, where("Torso", 2));
   EXPECT_EQ(motion_->getTransform("Torso", 0, true), (std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0}));
   test::expectFloatsNear({0.1f, 0, 0}, where("Yaw", 0));
