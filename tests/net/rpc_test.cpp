@@ -129,7 +129,8 @@ TEST_F(RpcOverHttpTest, RefusesWhatIsNotAnAllowedJsonRpcPost) {
 
 TEST_F(RpcOverHttpTest, OneConnectionCarriesManyCalls) {
   // Two requests sent at once on one connection; the second asks to close.
-  const std::string replies = wsClient({"raw:" + rawPost(call("NetTest.add", "[1,2]")) + rawPost(kPing, "Connection: close\r\n")});
+  const std::string replies =
+      wsClient({"raw:" + rawPost(call("NetTest.add", "[1,2]")) + rawPost(kPing, "Connection: close\r\n")});
   EXPECT_NE(replies.find(R"({"id":1,"jsonrpc":"2.0","result":"pong"})"), std::string::npos) << replies;
 }
 
@@ -164,8 +165,7 @@ TEST(RequestGuardTest, TheTokenComesAsBearerOrAsQueryParameter) {
       {"", "/ws?x=1&token=s3cret%2F%2B", true}, {"", "/rpc", false}, {"Bearer wrong", "/rpc", false},
       {"Bearer s3cret", "/rpc", false}, {"Basic s3cret/+", "/rpc", false}, {"", "/ws?tokens=s3cret%2F%2B", false}};
   for (const auto& [header, target, allowed] : cases) EXPECT_EQ(guard.authorized(header, target), allowed) << target;
-  // Case: no token configured lets everyone in.
-  EXPECT_TRUE(net::RequestGuard("", 9480, {}).authorized("", "/rpc"));
+  EXPECT_TRUE(net::RequestGuard("", 9480, {}).authorized("", "/rpc"));  // no token configured lets everyone in
 }
 
 using WebSocketSessionTest = NetServerTest;
@@ -173,20 +173,18 @@ using WebSocketSessionTest = NetServerTest;
 TEST_F(WebSocketSessionTest, SubscribersReceiveEventsUntilTheyUnsubscribe) {
   // The event is raised inside a call of the same client, so it is sent before that call's reply: the order below is
   // fixed.
-  const std::string out = wsClient({send("subscribe", R"(["Test/Moved"])"), "recv",
-                                    send("subscribe", R"(["Test/Moved"])"), "recv",
+  const std::string moved = R"(["Test/Moved"])";
+  const std::string out = wsClient({send("subscribe", moved), "recv", send("subscribe", moved), "recv",
                                     send("KQMemory.raiseEvent", R"(["Test/Moved",[1,0.5,"cup"]])"), "recv", "recv",
                                     send("KQMemory.raiseEvent", R"(["Test/Other",1])"), "recv",
-                                    send("unsubscribe", R"(["Test/Moved"])"), "recv",
-                                    send("unsubscribe", R"(["Test/Moved"])"), "recv",
+                                    send("unsubscribe", moved), "recv", send("unsubscribe", moved), "recv",
                                     send("KQMemory.raiseEvent", R"(["Test/Moved",2])"), "recv",
-                                    send("subscribe", "[]"), "recv",
-                                    send("subscribe", R"(["Test/Moved"])"), "recv"});  // leaves subscribed
+                                    send("subscribe", "[]"), "recv", send("subscribe", moved), "recv"});
   const auto reply = [](const std::string& result) { return R"({"id":0,"jsonrpc":"2.0","result":)" + result + "}\n"; };
   const std::string yes = reply("true"), no = reply("false"), none = reply("null");
-  EXPECT_EQ(out, yes + no + "{\"jsonrpc\":\"2.0\",\"method\":\"event\",\"params\":[\"Test/Moved\",[1,0.5,\"cup\"]]}\n" +
-                     none + none + yes + no + none + error(-32602, "subscribe: expects 1 argument, got 0", 0) + "\n" + yes);
-  // Case: the subscriber that went away was dropped: raising reaches no one dead.
+  EXPECT_EQ(out, yes + no + R"({"jsonrpc":"2.0","method":"event","params":["Test/Moved",[1,0.5,"cup"]]})" "\n" + none +
+                     none + yes + no + none + error(-32602, "subscribe: expects 1 argument, got 0", 0) + "\n" + yes);
+  // Case: the subscriber that went away, still subscribed, was dropped: raising reaches no one dead.
   EXPECT_NO_THROW(memory_->raiseEvent("Test/Moved", KQValue(3)));
 }
 
@@ -223,8 +221,7 @@ TEST_F(WebSocketSessionTest, SilentPeersAndOversizedMessagesAreClosed) {
                                     "Connection: Upgrade\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
                                     "Sec-WebSocket-Version: 13\r\n\r\n",
                                     send("NetTest.ping", "[]") + std::string(2000, ' '), "closed"});
-  EXPECT_EQ(out.rfind("b'HTTP/1.1 101 Switching Protocols\\r\\n", 0), 0u) << out;
-  EXPECT_NE(out.find("\\x89"), std::string::npos) << out;  // a ping frame
+  EXPECT_NE(out.find("\\x89"), std::string::npos) << out;  // a ping frame, so the upgrade was made
   EXPECT_EQ(out.substr(out.size() - 12), "closed 1009\n");
 }
 
@@ -253,12 +250,10 @@ struct EventLog {
 std::string failureOf(const std::function<void()>& call) {
   try {
     call();
-  } catch (const KQArgumentError& e) {
-    return std::string("argument: ") + e.what();
-  } catch (const KQUnknownMethodError& e) {
-    return std::string("unknown: ") + e.what();
   } catch (const KQError& e) {
-    return std::string("error: ") + e.what();
+    const bool argument = dynamic_cast<const KQArgumentError*>(&e) != nullptr;
+    const bool unknown = dynamic_cast<const KQUnknownMethodError*>(&e) != nullptr;
+    return std::string(argument ? "argument: " : unknown ? "unknown: " : "error: ") + e.what();
   }
   return "(no error)";
 }
