@@ -110,8 +110,8 @@ class Service:
         """POST to /rpc with the standard library; returns (status, body bytes)."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
         try:
-            headers = {"Authorization": "Bearer " + self.token} if self.token else {}
-            connection.request("POST", "/rpc", body.encode("utf-8"), dict(headers, **{"Content-Type": "application/json"}))
+            auth = {"Authorization": "Bearer " + self.token} if self.token else {}
+            connection.request("POST", "/rpc", body.encode("utf-8"), {"Content-Type": "application/json", **auth})
             response = connection.getresponse()
             return response.status, response.read()
         finally:
