@@ -1,7 +1,6 @@
-// KQDatabaseManager speed on a real file: "positions" rows inserted each in its
-// own commit and in one transaction (as storeObject and the memory watcher do);
-// on a 1,000,000-row table, the latest-row and row-before-a-time queries, which
-// must stay searches of the (ObjectName, TimeS) index. Well under 30 s.
+// KQDatabaseManager speed on a real file: "positions" rows inserted each in its own commit and in one transaction
+// (as storeObject and the memory watcher do); on a 1,000,000-row table, the latest-row and row-before-a-time
+// queries, which must stay searches of the (ObjectName, TimeS) index. Well under 30 s.
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -64,9 +63,8 @@ void BM_InsertPositions(benchmark::State& state) {
 }
 BENCHMARK(BM_InsertPositions)->ArgName("batch")->Arg(0)->Arg(1000)->MinTime(0.2);
 
-// Built once, on first use. The million rows go in through one INSERT ...
-// SELECT on a plain connection (the manager takes no SQL of that form), which
-// keeps the run short; the manager then reopens the file as at start-up.
+// Built once, on first use. The million rows go in through one INSERT ... SELECT on a plain connection (the
+// manager takes no SQL of that form), which keeps the run short; the manager then reopens it as at start-up.
 KQDatabaseManager& largeTable() {
   static PositionsTable* table = [] {  // never destroyed: benchmarks may run in any order
     auto* made = new PositionsTable("Large.sqlite");
@@ -86,8 +84,8 @@ KQDatabaseManager& largeTable() {
   return table->db;
 }
 
-// before 0: the latest row of an object; otherwise the row just before second
-// `before` (the query of positions in time), with the row after it.
+// before 0: the latest row of an object; otherwise the row just before second `before` (the query of positions
+// in time), with the row after it.
 void BM_QueryMillionRowTable(benchmark::State& state) {
   KQDatabaseManager& db = largeTable();
   const int before = static_cast<int>(state.range(0));

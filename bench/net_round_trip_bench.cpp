@@ -1,9 +1,7 @@
-// Round trips through the network front against a bare Beast server answering each
-// message with one of the reply's size (same connection kind, same client code); what
-// matters is the ratio rpc / floor (target: median within 1.3x). Usage:
-// kq_bench_net_round_trip [round trips per figure, default 3000].
+// Round trips through the network front against a bare Beast server answering each message with one of the
+// reply's size (same connection kind, same client code); what matters is the ratio rpc / floor (target: median
+// within 1.3x). Usage: kq_bench_net_round_trip [round trips per figure, default 3000].
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -32,8 +30,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 // The call measured: the shape and size of the world model's getPosition.
-class PoseModule : public KQ::KQModule {
- public:
+struct PoseModule : KQ::KQModule {
   PoseModule(std::shared_ptr<KQ::KQBroker> broker, const std::string& name) : KQModule(std::move(broker), name) {
     functionName("getPosition", getName(), "Pose of name in reference.", 0);
     advertiseMethod(&PoseModule::getPosition);
@@ -49,107 +46,74 @@ const std::string kRequest =
 
 // The floor: one I/O thread answering each WebSocket message or HTTP request with
 // a fixed reply, as the RPC server's I/O thread would with no work for a worker.
-class FloorServer {
- public:
-  explicit FloorServer(std::string reply)
-      : reply_(std::move(reply)), acceptor_(io_, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)) {
-    accept();
-    thread_ = std::thread([this] { io_.run(); });
-  }
-  ~FloorServer() { io_.stop(); thread_.join(); }
-  unsigned short port() const { return acceptor_.local_endpoint().port(); }
-
- private:
-  struct Session : std::enable_shared_from_this<Session> {
-    Session(tcp::socket socket, const std::string& reply) : stream(std::move(socket)), reply(reply) {
-      response.set(http::field::content_type, "application/json");
-      response.body() = reply;
-      response.prepare_payload();
-    }
-    beast::tcp_stream stream;
-    std::unique_ptr<websocket::stream<beast::tcp_stream>> ws;
-    beast::flat_buffer buffer;
-    http::request<http::string_body> request;
-    http::response<http::string_body> response{http::status::ok, 11};  // HTTP/1.1, kept alive
-    const std::string& reply;
-
-    // Reads a request: an upgrade starts the WebSocket loop, any other is answered and the next one read.
-    void start() {
-      request = {};
-      http::async_read(stream, buffer, request, [self = shared_from_this()](beast::error_code ec, std::size_t) {
-        if (ec) return;
-        if (websocket::is_upgrade(self->request)) {
-          self->ws = std::make_unique<websocket::stream<beast::tcp_stream>>(std::move(self->stream));
-          self->ws->text(true);
-          self->ws->async_accept(self->request, [self](beast::error_code e) {
-            if (!e) self->readMessage();
-          });
-          return;
-        }
-        http::async_write(self->stream, self->response, [self](beast::error_code e, std::size_t) {
+struct FloorSession : std::enable_shared_from_this<FloorSession> {
+  FloorSession(tcp::socket socket, const http::response<http::string_body>& reply)
+      : ws(std::move(socket)), reply(reply) {}
+  // Reads a request: an upgrade starts the WebSocket loop, any other is answered and the next one read.
+  void start() {
+    request = {};
+    http::async_read(lowest(), buffer, request, [self = shared_from_this()](beast::error_code ec, std::size_t) {
+      if (ec) return;
+      if (!websocket::is_upgrade(self->request))
+        return http::async_write(self->lowest(), self->reply, [self](beast::error_code e, std::size_t) {
           if (!e) self->start();
         });
-      });
-    }
-    void readMessage() {
-      ws->async_read(buffer, [self = shared_from_this()](beast::error_code ec, std::size_t) {
-        if (ec) return;
-        self->buffer.consume(self->buffer.size());
-        self->ws->async_write(asio::buffer(self->reply), [self](beast::error_code e, std::size_t) {
-          if (!e) self->readMessage();
-        });
-      });
-    }
-  };
-
-  void accept() {
-    acceptor_.async_accept([this](beast::error_code ec, tcp::socket socket) {
-      if (ec) return;
-      socket.set_option(tcp::no_delay(true));
-      std::make_shared<Session>(std::move(socket), reply_)->start();
-      accept();
+      self->ws.text(true);
+      self->ws.async_accept(self->request, [self](beast::error_code e) { if (!e) self->echo(); });
     });
   }
+  void echo() {
+    buffer.consume(buffer.size());
+    ws.async_read(buffer, [self = shared_from_this()](beast::error_code ec, std::size_t) {
+      if (!ec) self->ws.async_write(asio::buffer(self->reply.body()), [self](beast::error_code e, std::size_t) {
+        if (!e) self->echo();
+      });
+    });
+  }
+  beast::tcp_stream& lowest() { return beast::get_lowest_layer(ws); }
 
-  std::string reply_;
-  asio::io_context io_{1};
-  tcp::acceptor acceptor_;
-  std::thread thread_;
+  websocket::stream<beast::tcp_stream> ws;
+  beast::flat_buffer buffer;
+  http::request<http::string_body> request;
+  const http::response<http::string_body>& reply;
 };
 
-// A synchronous client, WebSocket or HTTP keep-alive (the WebSocket stream's
-// lowest layer alone): the same code measures the floor and the server.
-class Client {
- public:
-  Client(unsigned short port, bool websocket) : websocket_(websocket), ws_(io_) {
-    beast::get_lowest_layer(ws_).connect(tcp::resolver(io_).resolve("127.0.0.1", std::to_string(port)));
-    beast::get_lowest_layer(ws_).socket().set_option(tcp::no_delay(true));
-    if (!websocket_) return;
-    ws_.handshake("127.0.0.1:" + std::to_string(port), "/ws");
-    ws_.text(true);
+void acceptFloor(tcp::acceptor& acceptor, const http::response<http::string_body>& reply) {
+  acceptor.async_accept([&acceptor, &reply](beast::error_code ec, tcp::socket socket) {
+    if (ec) return;
+    socket.set_option(tcp::no_delay(true));
+    std::make_shared<FloorSession>(std::move(socket), reply)->start();
+    acceptFloor(acceptor, reply);
+  });
+}
+
+// A synchronous client, WebSocket or HTTP keep-alive (the WebSocket stream's lowest layer alone): the same
+// code measures the floor and the server.
+struct Client {
+  Client(unsigned short port, bool webSocket) : isWebSocket(webSocket) {
+    lowest().connect(tcp::resolver(io).resolve("127.0.0.1", std::to_string(port)));
+    lowest().socket().set_option(tcp::no_delay(true));
+    if (isWebSocket) ws.handshake("127.0.0.1:" + std::to_string(port), "/ws");
+    ws.text(true);
   }
   std::size_t roundTrip(const std::string& text) {
-    buffer_.consume(buffer_.size());
-    if (websocket_) {
-      ws_.write(asio::buffer(text));
-      return ws_.read(buffer_);
-    }
-    http::request<http::string_body> request(http::verb::post, "/rpc", 11);
+    buffer.consume(buffer.size());
+    if (isWebSocket) return ws.write(asio::buffer(text)), ws.read(buffer);
+    http::request<http::string_body> request(http::verb::post, "/rpc", 11, text);
     request.set(http::field::host, "127.0.0.1");
     request.set(http::field::content_type, "application/json");
-    request.body() = text;
     request.prepare_payload();
-    http::write(beast::get_lowest_layer(ws_), request);
+    http::write(lowest(), request);
     http::response<http::string_body> response;
-    http::read(beast::get_lowest_layer(ws_), buffer_, response);
+    http::read(lowest(), buffer, response);
     return response.body().size();
   }
+  beast::tcp_stream& lowest() { return beast::get_lowest_layer(ws); }
 
- private:
-  const bool websocket_;
-  asio::io_context io_;
-  websocket::stream<beast::tcp_stream> ws_;
-  beast::flat_buffer buffer_;
+  const bool isWebSocket;
+  asio::io_context io;
+  websocket::stream<beast::tcp_stream> ws{io};
+  beast::flat_buffer buffer;
 };
 
 // Round trips in microseconds, after a warm-up, added to `micros`.
@@ -170,8 +134,7 @@ void compare(const char* name, bool websocket, unsigned short rpcPort, unsigned 
     measure(floor, count / 5, f);
     measure(rpc, count / 5, r);
   }
-  std::sort(r.begin(), r.end());
-  std::sort(f.begin(), f.end());
+  for (std::vector<double>* v : {&r, &f}) std::sort(v->begin(), v->end());
   const auto at = [](const std::vector<double>& v, double q) { return v[static_cast<std::size_t>(v.size() * q)]; };
   std::printf("%-10s round trip  rpc median %7.1f us  p90 %7.1f us | floor median %7.1f us  p90 %7.1f us | "
               "ratio %.2f (target <= 1.30)\n",
@@ -181,15 +144,10 @@ void compare(const char* name, bool websocket, unsigned short rpcPort, unsigned 
 double callsPerSecond(unsigned short port, int clients, int callsEach) {
   std::vector<std::unique_ptr<Client>> connections;
   for (int i = 0; i < clients; ++i) connections.push_back(std::make_unique<Client>(port, true));
-  std::atomic<bool> go{false};
-  std::vector<std::thread> threads;
-  for (auto& connection : connections)
-    threads.emplace_back([&go, &connection, callsEach] {
-      while (!go.load()) std::this_thread::yield();
-      for (int k = 0; k < callsEach; ++k) connection->roundTrip(kRequest);
-    });
   const auto start = Clock::now();
-  go = true;
+  std::vector<std::thread> threads;
+  for (auto& client : connections)
+    threads.emplace_back([&client, callsEach] { for (int k = 0; k < callsEach; ++k) client->roundTrip(kRequest); });
   for (std::thread& thread : threads) thread.join();
   return clients * callsEach / std::chrono::duration<double>(Clock::now() - start).count();
 }
@@ -206,22 +164,29 @@ int main(int argc, char** argv) {
   KQ::net::RpcServer server(broker, options);
   server.start();
 
-  // The floor answers with a reply of exactly the server's size.
-  const std::string reply(Client(server.port(), false).roundTrip(kRequest), ' ');
-  FloorServer floor(reply);
+  // The floor answers with a reply of exactly the server's size, over HTTP/1.1 kept alive or WebSocket.
+  const std::size_t size = Client(server.port(), false).roundTrip(kRequest);
+  http::response<http::string_body> reply{http::status::ok, 11, std::string(size, ' ')};
+  reply.set(http::field::content_type, "application/json");
+  reply.prepare_payload();
+  asio::io_context io{1};
+  tcp::acceptor floor(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
+  acceptFloor(floor, reply);
+  std::thread floorThread([&io] { io.run(); });
 
-  std::printf("request %zu bytes, reply %zu bytes, %d round trips per figure\n", kRequest.size(), reply.size(),
+  std::printf("request %zu bytes, reply %zu bytes, %d round trips per figure\n", kRequest.size(), reply.body().size(),
               count);
-  compare("websocket", true, server.port(), floor.port(), count);
-  compare("http", false, server.port(), floor.port(), count);
+  compare("websocket", true, server.port(), floor.local_endpoint().port(), count);
+  compare("http", false, server.port(), floor.local_endpoint().port(), count);
   for (const int clients : {1, 8}) {
     const int each = std::max(50, count / clients);
     const double rpc = callsPerSecond(server.port(), clients, each);
-    const double bare = callsPerSecond(floor.port(), clients, each);
+    const double bare = callsPerSecond(floor.local_endpoint().port(), clients, each);
     std::printf("websocket %d client%s  rpc %9.0f calls/s | floor %9.0f calls/s | ratio %.2f\n", clients,
                 clients == 1 ? " " : "s", rpc, bare, bare / rpc);
   }
+  io.stop();
+  floorThread.join();
   server.stop();
   broker->shutdown();
-  return 0;
 }

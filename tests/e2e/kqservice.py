@@ -1,8 +1,6 @@
-"""Helpers of the end-to-end tests: run the real kqworldrepresentation binary
-on 127.0.0.1 with a free port and a data folder of its own, and talk to it
-with clients we did not write (http.client, curl, websockets) and with kq.
-
-Every test script is run as
+"""Helpers of the end-to-end tests: the real kqworldrepresentation binary on
+127.0.0.1 with a free port and a data folder of its own, talked to with clients
+we did not write (http.client, curl, websockets) and with kq. Each script runs as
     python3 test_x.py --binary PATH --kq PATH [--source-dir DIR] [unittest args]
 """
 
@@ -19,27 +17,23 @@ import tempfile
 import time
 import unittest
 
-BINARY = KQ = SOURCE_DIR = None
-# The machine running the tests may be busy building: starts are given time.
-START_TIMEOUT = 90.0
-STOP_TIMEOUT = 60.0
+BINARY = KQ = None
+START_TIMEOUT = STOP_TIMEOUT = 90.0  # the machine may be busy building
 
 
 def main():
-    """Reads our options, hands the rest to unittest."""
-    global BINARY, KQ, SOURCE_DIR
+    """Reads our options (--source-dir is unused), hands the rest to unittest."""
+    global BINARY, KQ
     parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument("--binary", required=True)
-    parser.add_argument("--kq", required=True)
-    parser.add_argument("--source-dir", default=os.path.join(os.path.dirname(__file__), "..", ".."))
+    for option in ("--binary", "--kq", "--source-dir"):
+        parser.add_argument(option)
     ours, rest = parser.parse_known_args()
-    BINARY, KQ, SOURCE_DIR = (os.path.abspath(p) for p in (ours.binary, ours.kq, ours.source_dir))
+    BINARY, KQ = os.path.abspath(ours.binary), os.path.abspath(ours.kq)
     unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
 
 
 def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as probe:
-        probe.bind(("127.0.0.1", 0))
+    with socket.create_server(("127.0.0.1", 0)) as probe:
         return probe.getsockname()[1]
 
 
@@ -52,30 +46,25 @@ class FolderTest(unittest.TestCase):
     """A test with a temporary folder of its own (self.folder)."""
 
     def setUp(self):
-        self.folder = tempfile.mkdtemp(prefix="kqe2e-")
-        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.folder = self.enterContext(tempfile.TemporaryDirectory(prefix="kqe2e-"))
 
     def write(self, name, text):
-        path = os.path.join(self.folder, name)
-        with open(path, "w") as f:
+        with open(os.path.join(self.folder, name), "w") as f:
             f.write(text)
-        return path
+        return f.name
 
 
 class Service:
-    """One kqworldrepresentation process; a context manager, or start() and
-    close(). Its stderr goes to a file (stderr_text())."""
+    """One kqworldrepresentation process: a context manager, or start() and close().
+    Its stderr goes to a file (stderr_text())."""
 
     def __init__(self, *extra, env=None, token=None):
-        self.port = free_port()
+        self.port, self.token, self.env, self.process = free_port(), token, clean_env(**(env or {})), None
         self.url = "http://127.0.0.1:%d" % self.port
-        self.token = token
         self.folder = tempfile.mkdtemp(prefix="kqe2e-")
         self.data_dir = os.path.join(self.folder, "data")
         self.command = [BINARY, "--port", str(self.port), "--data-dir", self.data_dir] + list(extra)
         self.command += ["--token", token] if token else []
-        self.env = clean_env(**(env or {}))
-        self.process = None
 
     def start(self):
         self.stderr = open(os.path.join(self.folder, "stderr.log"), "wb")
@@ -87,8 +76,9 @@ class Service:
                 return self
             except (OSError, http.client.HTTPException):
                 time.sleep(0.1)
+        text = self.stderr_text()
         self.close()
-        raise AssertionError("service did not start: %s" % self.stderr_text())
+        raise AssertionError("service did not start: %s" % text)
 
     def stop(self, sig=signal.SIGTERM):
         """Sends sig; returns the exit status."""
@@ -99,9 +89,8 @@ class Service:
             raise AssertionError("service did not stop on %s: %s" % (sig, self.stderr_text()))
 
     def close(self):
-        if self.process is not None and self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
+        self.process.kill()  # nothing when it has ended
+        self.process.wait()
         self.stderr.close()
         shutil.rmtree(self.folder, ignore_errors=True)
 
@@ -109,8 +98,7 @@ class Service:
 
     def __exit__(self, *exc):
         try:
-            if self.process.poll() is None:
-                self.stop()
+            self.process.poll() is not None or self.stop()
         finally:
             self.close()
 
@@ -118,13 +106,12 @@ class Service:
         with open(os.path.join(self.folder, "stderr.log"), "rb") as f:
             return f.read().decode("utf-8", "replace")
 
-    def post(self, body, headers=None):
+    def post(self, body):
         """POST to /rpc with the standard library; returns (status, body bytes)."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
         try:
-            all_headers = {"Content-Type": "application/json"}
-            all_headers.update({"Authorization": "Bearer " + self.token} if self.token else {})
-            connection.request("POST", "/rpc", body=body.encode("utf-8"), headers=dict(all_headers, **(headers or {})))
+            auth = {"Authorization": "Bearer " + self.token} if self.token else {}
+            connection.request("POST", "/rpc", body.encode("utf-8"), {"Content-Type": "application/json", **auth})
             response = connection.getresponse()
             return response.status, response.read()
         finally:
@@ -142,10 +129,13 @@ class Service:
         return self.call("KQWorldRepresentation." + method, *params)
 
 
+def run(command, env=None):
+    return subprocess.run(command, capture_output=True, text=True, timeout=60, env=clean_env(**(env or {})))
+
+
 def run_kq(*args, url=None, token=None, check=True):
     """Runs the kq client; returns the CompletedProcess."""
-    command = [KQ] + list(args) + (["--url", url] if url else []) + (["--token", token] if token else [])
-    done = subprocess.run(command, capture_output=True, text=True, timeout=60, env=clean_env())
+    done = run([KQ] + list(args) + (["--url", url] if url else []) + (["--token", token] if token else []))
     if check and done.returncode != 0:
         raise AssertionError("kq %s failed (%d): %s" % (" ".join(args), done.returncode, done.stderr))
     return done
@@ -153,16 +143,13 @@ def run_kq(*args, url=None, token=None, check=True):
 
 def start_failure(*args, env=None):
     """Runs the binary expecting it to refuse to start; returns (status, stderr lines)."""
-    done = subprocess.run([BINARY] + list(args), capture_output=True, text=True, timeout=60,
-                          env=clean_env(**(env or {})))
+    done = run([BINARY] + list(args), env)
     return done.returncode, [line for line in done.stderr.splitlines() if line.strip()]
 
 
 def close_to(test, actual, expected, places=4):
     """Compares nested lists of numbers."""
-    if isinstance(expected, (list, tuple)):
-        test.assertEqual(len(actual), len(expected), "%r vs %r" % (actual, expected))
-        for a, e in zip(actual, expected):
-            close_to(test, a, e, places)
-    else:
-        test.assertAlmostEqual(actual, expected, places=places, msg="%r vs %r" % (actual, expected))
+    if not isinstance(expected, (list, tuple)):
+        return test.assertAlmostEqual(actual, expected, places=places, msg="%r vs %r" % (actual, expected))
+    test.assertEqual(len(actual), len(expected), "%r vs %r" % (actual, expected))
+    return [close_to(test, a, e, places) for a, e in zip(actual, expected)]

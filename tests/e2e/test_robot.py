@@ -1,6 +1,5 @@
-"""The robot description options of the real binary: --robot with a URDF of
-our own, --torso-link choosing its torso, and descriptions that cannot work.
-How joints move and compose is the robot model's own suite.
+"""The real binary's --robot with a URDF of our own, --torso-link choosing its torso, and
+descriptions that cannot work. How joints move and compose is the robot model's own suite.
 
     ground (root)
      `-- lift (prismatic z, [0, 0.4], at z 0.3) -- Chest (the torso)
@@ -28,13 +27,7 @@ ROBOT = """<?xml version="1.0"?>
 
 
 class RobotDescriptionTest(FolderTest):
-    def test_the_chosen_robot_and_torso_are_the_worlds(self):
-        with Service("--robot", self.write("stacked.urdf", ROBOT), "--torso-link", "Chest") as service:
-            self.assertEqual(service.world("getObjectNames")[3:], ["lift", "pan", "tongue"])
-            service.call("KQMotion.setAngles", ["lift"], [0.1])
-            close_to(self, service.world("getPosition", "Robot", "Robot_Torso"), [[1.0, 0.0, 0.0, 0.0], [0.0, 0.0, 0.4]])
-
-    def test_descriptions_that_cannot_work_end_the_start(self):
+    def test_the_chosen_robot_and_torso_are_the_worlds_and_descriptions_that_cannot_work(self):
         data = os.path.join(self.folder, "data")
         missing = os.path.join(self.folder, "missing.urdf")
         broken = self.write("broken.urdf", ROBOT.replace('<child link="Tongue"/>', '<child link="Nowhere"/>'))
@@ -45,8 +38,12 @@ class RobotDescriptionTest(FolderTest):
             status, lines = start_failure("--port", str(free_port()), "--data-dir", data, "--robot", robot)
             self.assertEqual((status, len(lines)), (1, 1), lines)
             self.assertTrue(lines[0].startswith("kqworldrepresentation: " + line), lines[0])
-        # Case: none of these starts touched the data folder's databases.
+        # Case: none of these starts touched the data folder's databases; the good one with its torso works.
         self.assertFalse(os.path.isdir(data) and [f for f in os.listdir(data) if f.endswith(".sqlite")])
+        with Service("--robot", good, "--torso-link", "Chest") as service:
+            self.assertEqual(service.world("getObjectNames")[3:], ["lift", "pan", "tongue"])
+            service.call("KQMotion.setAngles", ["lift"], [0.1])
+            close_to(self, service.world("getPosition", "Robot", "Robot_Torso"), [[1.0, 0.0, 0.0, 0.0], [0.0, 0.0, 0.4]])
 
 
 if __name__ == "__main__":

@@ -1,12 +1,11 @@
-"""What only the real binary shows of its safety rules: names never reach
-outside the data folder, a runaway condition cannot freeze the world, a save
-that fails at SIGTERM ends with status 1 instead of an abort, and one service
-per data folder."""
+"""What only the real binary shows of its safety rules: names never reach outside the data
+folder, a runaway condition cannot freeze the world, a save that fails at SIGTERM ends with
+status 1 instead of an abort, and one service per data folder."""
 
+import concurrent.futures
 import os
 import shutil
 import signal
-import threading
 
 import kqservice
 from kqservice import FolderTest, Service, start_failure
@@ -28,32 +27,24 @@ class SafetyTest(FolderTest):
             service.world("storeObject", "cup", "World", [0, 0, 0, 0, 0, 0], "frame",
                           [["Display", [["colorR", 1.0]]]])
             endless = "1 IN (WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x+1 FROM c) SELECT x FROM c WHERE x<0)"
-            results = []
-            runaway = threading.Thread(target=lambda: results.append(
-                service.world("deleteObjectAttribute", "cup", "Display", endless)))
-            runaway.start()
-            self.assertTrue(service.world("objectCategoryExists", "frame"))
-            runaway.join(60)
-            self.assertNotEqual([0], results)
+            with concurrent.futures.ThreadPoolExecutor() as pool:
+                runaway = pool.submit(service.world, "deleteObjectAttribute", "cup", "Display", endless)
+                self.assertTrue(service.world("objectCategoryExists", "frame"))
+                self.assertNotEqual(0, runaway.result(60))
             self.assertIn("deadline of 300 ms", service.stderr_text())
 
     def test_a_save_that_fails_at_sigterm_ends_with_status_1(self):
-        service = Service("--log-level", "2").start()
-        try:
+        with Service("--log-level", "2") as service:
             shutil.rmtree(service.data_dir)
             self.assertEqual(1, service.stop(signal.SIGTERM))
             self.assertIn("Could not save the world", service.stderr_text())
             self.assertNotIn("terminate called", service.stderr_text())
-        finally:
-            service.close()
 
     def test_one_service_per_data_folder(self):
         with Service() as first:
             first.world("createObjectCategory", "Cups", False)
-            status, lines = start_failure("--port", "0", "--data-dir", first.data_dir)
-            self.assertEqual(1, status)
-            self.assertEqual(["kqworldrepresentation: data folder %s is in use by process %d"
-                              % (first.data_dir, first.process.pid)], lines)
+            self.assertEqual(start_failure("--port", "0", "--data-dir", first.data_dir), (1, [
+                "kqworldrepresentation: data folder %s is in use by process %d" % (first.data_dir, first.process.pid)]))
             self.assertTrue(first.world("objectCategoryExists", "Cups"))
 
 

@@ -1,28 +1,25 @@
-"""Starting and stopping the real binary: starts that cannot work end at once
-with one clear line and a non-zero status, without touching anything; a
-SIGTERM saves the world and ends with 0; the token and size options."""
+"""Starting and stopping the real binary: starts that cannot work end at once with one
+clear line and a non-zero status, touching nothing; SIGTERM saves the world and ends
+with 0; the token and size options, and kq passing a token on."""
 
 import json
 import os
 import signal
 import socket
-import subprocess
-import unittest
 
 import kqservice
-from kqservice import FolderTest, Service, free_port, start_failure
+from kqservice import FolderTest, Service, free_port, run_kq, start_failure
 
 PREFIX = "kqworldrepresentation: "
 
 
-class StartFailuresTest(FolderTest):
+class StartupTest(FolderTest):
     def test_starts_that_cannot_work(self):
         data = os.path.join(self.folder, "data")
         below_a_file = os.path.join(self.write("plain-file", "not a folder"), "data")
         empty = self.write("empty", "")
-        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as taken:
-            taken.bind(("127.0.0.1", 0))
-            taken.listen(1)
+        parent = "http://127.0.0.1:%d" % free_port()
+        with socket.create_server(("127.0.0.1", 0)) as taken:
             port = taken.getsockname()[1]
             for args, status, line in [
                     # A second instance on a running one's port must not reset its databases (see below).
@@ -36,10 +33,13 @@ class StartFailuresTest(FolderTest):
                     (["--log-level", "99"], 2, "Option --log-level needs a level from 0 to 6, not 99 (see --help)"),
                     (["--max-message", "0"], 2, "Option --max-message needs a positive number of bytes, not 0 "
                                                 "(see --help)"),
-                    (["--robot"], 2, "Option --robot needs a value (see --help)")]:
+                    (["--robot"], 2, "Option --robot needs a value (see --help)"),
+                    (["--parent", parent, "--data-dir", self.folder], 1, "Cannot reach parent broker %s: " % parent)]:
                 defaults = ([] if "--port" in args else ["--port", str(free_port())]) + \
                     ([] if "--data-dir" in args else ["--data-dir", data])
-                self.assertEqual(start_failure(*(defaults + args)), (status, [PREFIX + line]), args)
+                done, lines = start_failure(*(defaults + args))
+                self.assertEqual((done, len(lines)), (status, 1), lines)
+                self.assertTrue(lines[0].startswith(PREFIX + line), lines)
         self.assertFalse(os.path.exists(data))
 
     def test_tokens_from_a_file_or_the_environment_and_the_size_limit(self):
@@ -54,17 +54,18 @@ class StartFailuresTest(FolderTest):
             self.assertEqual(service.post(body)[0], 401)
             service.token = "from-env"
             self.assertEqual(service.post(body)[0], 200)
+            # Case: kq passes its --token on; without it, the call fails.
+            self.assertEqual(run_kq("call", "KQMemory.getData", "k", url=service.url, token="from-env").stdout, '"x"\n')
+            self.assertEqual(run_kq("call", "broker.modules", url=service.url, check=False).returncode, 1)
             self.assertEqual(service.post(body.replace('"x"', '"%s"' % ("x" * 3000)))[0], 413)
 
     def test_help_lists_every_option(self):
-        done = subprocess.run([kqservice.BINARY, "--help"], capture_output=True, text=True, timeout=30)
+        done = kqservice.run([kqservice.BINARY, "--help"])
         self.assertEqual(done.returncode, 0)
         for option in ("--host", "--port", "--data-dir", "--parent", "--robot", "--torso-link", "--log-level",
                        "--log-json", "--token", "--token-file", "--max-message", "--help"):
             self.assertIn(option, done.stdout)
 
-
-class ShutdownTest(unittest.TestCase):
     def test_sigterm_saves_the_world_and_exits_zero(self):
         with Service("--log-json") as service:
             self.assertEqual(service.world("createObjectCategory", "cups", False), 0)
@@ -73,8 +74,7 @@ class ShutdownTest(unittest.TestCase):
             self.assertTrue(os.path.isfile(os.path.join(service.data_dir, "edges.xml")))
             with open(os.path.join(service.data_dir, "nodes.xml")) as f:
                 self.assertIn("mug", f.read())
-            # Case: --log-json: every stderr line is one JSON object; the last
-            # says the service stopped.
+            # Case: --log-json: every stderr line is one JSON object; the last says the service stopped.
             records = [json.loads(line) for line in service.stderr_text().splitlines() if line.strip()]
             self.assertEqual((records[-1]["level"], records[-1]["message"]), ("info", "Stopped"))
 

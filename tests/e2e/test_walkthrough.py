@@ -1,16 +1,9 @@
-"""The README's five-minute walkthrough, command for command, against the real
-binary: curl and kq store a table and a cup, ask where the cup is from the
-robot's torso, move the robot and ask again, watch events, echo a pose, and
-stop the service cleanly.
+"""The README's five-minute walkthrough, command for command, against the real binary:
+curl and kq store a table and a cup, ask where the cup is from the robot's torso, move
+the robot and ask again, watch events, echo a pose, and stop the service cleanly.
 
-The world of the walkthrough (default robot, torso 0.55 m above the ground):
-
-    World
-    |-- Robot            (odometry, moved with KQMotion.setRobotPosition)
-    |   `-- Robot_Torso  (z 0.55)
-    |       `-- NeckPan, ..., RightWheel
-    `-- table            (x 2)
-        `-- cup          (z 0.75 over the table)
+    World -- Robot (odometry, KQMotion.setRobotPosition) -- Robot_Torso (z 0.55) -- NeckPan, ...
+      `-- table (x 2) -- cup (z 0.75 over the table)
 """
 
 import json
@@ -25,15 +18,13 @@ from kqservice import Service, close_to, run_kq
 
 class WalkthroughTest(unittest.TestCase):
     def test_walkthrough(self):
-        with Service() as service:
-            self.walk(service)
+        service = Service().start()
+        self.addCleanup(service.close)
 
-    def walk(self, service):
         def kq(*args):
             return json.loads(run_kq(*args, url=service.url).stdout)
 
-        def where_is_the_cup():
-            return kq("call", "KQWorldRepresentation.getPosition", "Robot_Torso", "cup")
+        where_is_the_cup = lambda: kq("call", "KQWorldRepresentation.getPosition", "Robot_Torso", "cup")
 
         # Case: a category made with curl, objects stored with kq.
         curl = subprocess.run(["curl", "-s", service.url + "/rpc", "-H", "Content-Type: application/json", "-d",
@@ -51,9 +42,8 @@ class WalkthroughTest(unittest.TestCase):
         self.assertIn("    cup [furniture]  xyz [0.000, 0.000, 0.750]  rpy [0.000, 0.000, 0.000]", tree)
         self.assertIn("      NeckPan [joints]  xyz [0.000, 0.000, 0.300]  rpy [0.000, 0.000, 0.000]", tree)
 
-        # Case: from the torso, the cup is 2 m ahead and 0.2 m up. Then the
-        # robot stands at (2, 1) facing +y (a quarter turn left): the cup is
-        # 1 m behind it and turned a quarter right.
+        # Case: from the torso, the cup is 2 m ahead and 0.2 m up. Then the robot stands at (2, 1)
+        # facing +y (a quarter turn left): the cup is 1 m behind it and turned a quarter right.
         close_to(self, where_is_the_cup(), [[1.0, 0.0, 0.0, 0.0], [2.0, 0.0, 0.2]])
         self.assertIsNone(kq("call", "KQMotion.setRobotPosition", "[2.0, 1.0, 1.5707963]"))
         time.sleep(0.1)  # the world reads the odometry at most every 40 ms

@@ -1,6 +1,5 @@
-// Starting and stopping the whole stack many times in one process (broker,
-// memory and motion modules, the world with its watcher, the network front
-// with a subscribed client) leaves no thread and no file descriptor behind.
+// Starting and stopping the whole stack many times in one process (broker, memory and motion modules, the
+// world with its watcher, the network front with a subscribed client) leaves no thread and no descriptor behind.
 #include <dirent.h>
 #include <gtest/gtest.h>
 

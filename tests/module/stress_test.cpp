@@ -1,6 +1,5 @@
 // Many callers at once on the real module and its real category files, under a watchdog (a deadlock leaves
-// no other trace). Besides the robot: World -- table -- mover1, mover2 (cups), churned objects; World --
-// ball (kqmemoryobjects, kept by the memory watcher).
+// no other trace): World -- table -- mover1, mover2 (cups), churned objects; World -- ball (memory watcher).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -17,18 +16,7 @@ namespace KQ {
 namespace test {
 namespace {
 
-// Runs every body in a loop on a thread of its own for three seconds.
-void runTogether(const std::vector<std::function<void()>>& bodies) {
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (const auto& body : bodies)
-    threads.emplace_back([&body, &stop] {
-      while (!stop) body();
-    });
-  std::this_thread::sleep_for(std::chrono::seconds(3));
-  stop = true;
-  for (std::thread& thread : threads) thread.join();
-}
+std::vector<float> at(float x, float y = 0, float z = 0) { return {x, y, z, 0, 0, 0}; }
 
 class StressTest : public WorldFixture {
  protected:
@@ -36,28 +24,32 @@ class StressTest : public WorldFixture {
     WorldFixture::SetUp();
     ASSERT_EQ(0, world().createObjectCategory("cups", true));
     ASSERT_EQ(0, world().addAttributeToCategory("cups", "weight", list({list({"kg", "float"})})));
-    ASSERT_EQ(0, world().storeObject("table", "World", at(1, 0, 0.7f), "frame", list({})));
+    ASSERT_EQ(0, world().storeObject("table", "World", at(1, 0, 0.7f), "frame", none_));
     for (const char* mover : {"mover1", "mover2"})
       ASSERT_EQ(0, world().storeObject(mover, "table", at(0), "cups", none_));
   }
-  static std::vector<float> at(float x, float y = 0, float z = 0) { return {x, y, z, 0, 0, 0}; }
-  int rowCount(const std::string& condition, const std::string& table) {
+  // Runs every body in a loop on a thread of its own for three seconds, under a watchdog.
+  void runTogether(const char* run, const std::vector<std::function<void()>>& bodies) {
+    Watchdog watchdog(std::chrono::seconds(60), run);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (const auto& body : bodies) threads.emplace_back([&body, &stop] { while (!stop) body(); });
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+  }
+  int rows(const std::string& table, const std::string& condition) {
     return world().select(condition, "cups", table, "ObjectName").getSize();
   }
-  KQValue ball(int x) {
-    return list({"object", "World", list({x, 1, 0}), "ball.dae", list({1, 1, 1}), list({1, 0, 0})});
-  }
   std::atomic<int> counter_{0};
-  const KQValue none_ = list({});
+  const KQValue none_ = list({});  // no attributes
 };
 
 TEST_F(StressTest, MixedCallersEndWithoutDeadlockOrLostRows) {
-  Watchdog watchdog(std::chrono::seconds(60), "the mixed-callers run");
-  memory().setData("Object/ball", ball(0));
   world().startMemoryCheck(0);
   std::atomic<int> failures{0}, savedMoves{0}, weightsStored{0}, savesDone{0};
   auto check = [&](bool ok) { return ok || (++failures, false); };
-  runTogether({
+  runTogether("the mixed-callers run", {
       [&] {  // stores and clears objects of its own, one placed through a robot frame
         const std::string name = "churn" + std::to_string(counter_++);
         check(world().storeObject(name, "table", at(0.1f), "cups", none_) == 0);
@@ -81,38 +73,35 @@ TEST_F(StressTest, MixedCallersEndWithoutDeadlockOrLostRows) {
         const int result = world().save();
         savesDone += check(result <= 1 && !world().getObjectNames().empty()) && result == 0;
       },
-      [&] { memory().setData("Object/ball", ball(counter_++ % 10)); },
+      [&] {  // the memory watcher's object
+        const KQValue place = list({counter_++ % 10, 1, 0});
+        memory().setData("Object/ball", list({"object", "World", place, "ball.dae", list({1, 1, 1}), list({1, 0, 0})}));
+      },
   });
   world().stopMemoryCheck();
 
   EXPECT_EQ(0, failures.load());
   EXPECT_GT(savedMoves.load() * savesDone.load(), 0);
-  // Case: every row a call reported is there, and no churned object left one.
-  EXPECT_EQ(1 + savedMoves.load(), rowCount("ObjectName='mover1'", "positions"));
-  EXPECT_EQ(weightsStored.load(), rowCount("ObjectName='mover1'", "weight"));
-  EXPECT_EQ(0, rowCount("ObjectName LIKE 'churn%'", "positions"));
+  // Case: every row a call reported is there, and no churned object left one; nothing failed on the way.
+  EXPECT_EQ(1 + savedMoves.load(), rows("positions", "ObjectName='mover1'"));
+  EXPECT_EQ(weightsStored.load(), rows("weight", "ObjectName='mover1'"));
+  EXPECT_EQ(0, rows("positions", "ObjectName LIKE 'churn%'"));
   EXPECT_EQ((std::vector<std::string>{"mover1", "mover2"}), world().getChildrenNames("table"));
   EXPECT_TRUE(world().findObject("ball"));
-  // Case: nothing failed on the way, in any category.
   for (const ko::log::Record& record : logs().records())
     EXPECT_GT(record.level, ko::log::error) << record.category << " " << record.function << ": " << record.message;
 }
 
-// A reader whose method takes a shared lock it already holds deadlocks as
-// soon as a writer waits in between (a waiting writer blocks new readers):
-// writers (the last four) keep every lock contended while the nesting readers loop.
+// A reader whose method takes a shared lock it already holds deadlocks as soon as a writer waits in
+// between (a waiting writer blocks new readers): writers (the last four) keep every lock contended.
 TEST_F(StressTest, NoReaderTakesASharedLockTwice) {
-  Watchdog watchdog(std::chrono::seconds(60), "the shared-lock run");
-  runTogether({
+  runTogether("the shared-lock run", {
       [&] { world().getObjectAttributeValues("mover1", "positions", 2); },
       [&] { world().updatePositionWithReference("mover2", "HeadYaw", at(0.1f), false); },
       [&] { world().storeObjectWithReference(std::to_string(counter_++), "table", "mover1", at(0), "cups", none_); },
       [&] { world().getObjectLatestAttributes("mover1", 1); },
       [&] { world().getPosition6DAtTime("HeadYaw", "mover1", 1, 1); },
-      [&] {
-        world().storeObject("w", "table", at(0), "cups", none_);
-        world().clearObject("w");
-      },
+      [&] { world().storeObject("w", "table", at(0), "cups", none_) == 0 && world().clearObject("w"); },
       [&] { world().updatePosition("mover1", at(0.3f), true); },
       [&] { world().createObjectCategory("cups", false); },
       [&] { world().getPosition("mover1", "HeadYaw"); },

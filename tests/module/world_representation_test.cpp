@@ -1,5 +1,4 @@
-// The module's spine on the scripted body: what init() builds, the method
-// table as the broker lists it, and a creation whose init() fails.
+// The module's spine on the scripted body: what init() builds, a remote load, a failing init().
 #include "module/world_representation.h"
 
 #include <gtest/gtest.h>
@@ -36,12 +35,10 @@ TEST_F(WorldRepresentationTest, InitBuildsTheRobotAndItsJointsAndStartsAnEmptyDi
                                       "LWristGhost"}),
             world().getObjectNames());
   EXPECT_EQ("Robot_Torso", world().getObjectParentName("LWristGhost"));
-  EXPECT_EQ("root", world().getObjectCategory("World"));
-  EXPECT_EQ("frame", world().getObjectCategory("Robot_Torso"));
-  EXPECT_EQ("joints", world().getObjectCategory("HeadYaw"));
+  for (const auto& [object, category] : {std::pair{"World", "root"}, {"Robot_Torso", "frame"}, {"HeadYaw", "joints"}})
+    EXPECT_EQ(category, world().getObjectCategory(object));
   EXPECT_TRUE(world().objectCategoryExists("kqmemoryobjects"));
-  // Case: one row per joint under the torso, stamped at start-up, with the
-  // body's transform; a part the body cannot resolve gets the identity.
+  // Case: one row per joint under the torso, stamped at start-up, with the body's transform (or identity).
   EXPECT_EQ(
       (std::vector<std::vector<std::string>>{{"HeadYaw", "Robot_Torso", "1700000000", "250000", "0.2474", "0.1265"},
                                              {"LShoulderPitch", "Robot_Torso", "1700000000", "250000", "0.0", "0.0"},
@@ -56,34 +53,6 @@ TEST_F(WorldRepresentationTest, InitBuildsTheRobotAndItsJointsAndStartsAnEmptyDi
             memory().declaredEvents());
   EXPECT_EQ((std::vector<std::pair<std::string, KQValue>>{{W::displayRequiredEventName_, list({})}}),
             memory().raisedEvents());
-}
-
-TEST_F(WorldRepresentationTest, TheBrokerListsTheMethodsInOrder) {
-  // Each as "name: description".
-  // clang-format off
-  const std::vector<std::string> expected = {
-      "addAttributeToCategory: Add an attribute to a category.", "clearObject: Clear an object.",
-      "clearOldPositions: Clear recording of old positions.", "createObjectCategory: Create a new object category",
-      "removeObjectCategory: Remove an object category", "objectCategoryExists: Tells if an object category exists",
-      "deleteObjectAttribute: Delete an object attribute", "findObject: Check that an object is present.", "load: ",
-      "getAttributesFromCategory: Get all attributes from a category if it exists.",
-      "getChildrenNames: Get the direct children of an object.", "getObjectNames: Get the name of the objects.",
-      "getObjectAttributes: ", "getObjectAttributeValues: ", "getObjectLatestAttributes: ", "getObjectParentName: ",
-      "getObjectsInCategory: Get the name of the objects stored in the database.",
-      "getObjectCategory: Get the name of the database where the object is stored.",
-      "getPosition: Get the position of an object with quaternion / translation.",
-      "getPosition6D: Get the position from one object to another.",
-      "getPosition6DAtTime: Get the interpolated position of an object", "getRootName: ", "save: ",
-      "select: Select information from a database.", "selectWithOrder: Select ordered information from a database.",
-      "storeObject: ", "storeObjectWithReference: ", "storeObjectAttribute: ",
-      "updatePosition: Update the position of an object.",
-      "updatePositionWithReference: Update the position of an object relative to another.", "updateAttribute: ",
-      "_startMemoryCheck: ", "_stopMemoryCheck: ", "_beginTransaction: ", "_endTransaction: "};
-  // clang-format on
-  std::vector<std::string> listed;
-  for (const KQMethodDescription& method : broker()->getProxy("KQWorldRepresentation")->getMethodList())
-    listed.push_back(method.name + ": " + method.description);
-  EXPECT_EQ(expected, listed);
 }
 
 TEST_F(WorldRepresentationTest, ARemoteLoadSavesAndLoadsNothing) {
@@ -102,16 +71,14 @@ class FailingInitTest : public WorldFixture {
 };
 
 TEST_F(FailingInitTest, ACreationWhoseInitThrowsExitsBeforeTheErrorArrives) {
-  // Case: the creator receives the motion module's own error, after exit()
-  // took the module off the broker and saved what init() had built.
+  // Case: the creator gets the motion module's error after exit() unlisted the module and saved.
   EXPECT_EQ("KQMotion.getBodyNames: Could not read the body names", errorOf([&] { createWorld(); }));
   EXPECT_EQ(nullptr, broker()->getModule("KQWorldRepresentation"));
   const std::string nodes = dataDir() + "/nodes.xml";
   EXPECT_NE(std::string::npos, readFile(nodes).find("<name>Robot_Torso</name>"));
   EXPECT_EQ(std::string::npos, readFile(nodes).find("<name>HeadYaw</name>"));
 
-  // Case: the name is free again; start-up saves nothing, exit() and then
-  // destruction each save.
+  // Case: the name is free again; start-up saves nothing, exit() and then destruction each save.
   motion().setBodyNamesThrows(false);
   ASSERT_EQ(0, std::remove(nodes.c_str()));
   auto module = KQModule::createModule<KQWorldRepresentation>(broker(), "KQWorldRepresentation");

@@ -1,20 +1,17 @@
-// Without a running world: the row layout and the name-to-database lookup on
-// values made by hand; KQDatabaseManager on real files read back from outside.
+// Without a running world: the row layout on values made by hand; KQDatabaseManager on real files read
+// back from outside.
 #include "storage/database_manager.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <atomic>
-#include <memory>
 #include <climits>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "objects/object_resolver.h"
-#include "spatial/edge_interface.h"
 #include "storage/attribute_rows.h"
 #include "storage/object_category.h"
 #include "support/checks.h"
@@ -42,35 +39,6 @@ TEST(RowLayout, AStoredPoseIsReadOnlyFromAWholeRowOfNumbers) {
     StoredPose pose;
     EXPECT_EQ(cell.first == 8, readStoredPose(changed, pose)) << cell.first;
     EXPECT_TRUE(cell.first != 8 || pose.translation.x == 6.0f);
-  }
-}
-
-TEST(ObjectResolver, NamesTheFirstMissingLinkFromNameToDatabase) {
-  KQSceneGraph graph;
-  std::map<std::string, int> objects;
-  std::map<std::string, KQDatabaseManager> databases = {{"Cups", KQDatabaseManager()}};
-  auto object = [](const char* name, const char* category) {
-    return std::make_shared<WorldObject>(name, category ? std::make_shared<ObjectCategory>(category) : nullptr);
-  };
-  using Missing = ResolvedObject::Missing;
-  struct Case {
-    const char* name;
-    std::shared_ptr<WorldObject> node;  // a child of the root; "ghost" has none
-    Missing missing;
-    const char* categoryName;
-  } const cases[] = {{"cup", object("cup", "Cups"), Missing::kNothing, "Cups"},
-                     {"plate", object("plate", "Plates"), Missing::kDatabase, "Plates"},
-                     {"loose", object("loose", nullptr), Missing::kCategory, ""},
-                     {"bare", nullptr, Missing::kWorldObject, "None"},
-                     {"ghost", nullptr, Missing::kObject, ""}};
-  const auto edge = std::make_shared<Displacement>(std::vector<float>{1, 0, 0, 0}, std::vector<float>{0, 0, 0});
-  for (const Case& c : cases) {
-    if (c.missing != Missing::kObject && graph.addNode(objects[c.name], edge, 0) == 0)
-      graph.setNodeData(objects[c.name], c.node);
-    const ResolvedObject resolved = resolveObject(objects, graph, databases, c.name);
-    EXPECT_EQ(c.missing, resolved.missing) << c.name;
-    EXPECT_EQ(c.categoryName, resolved.categoryName) << c.name;
-    EXPECT_EQ(c.missing == Missing::kNothing ? &databases["Cups"] : nullptr, resolved.database) << c.name;
   }
 }
 

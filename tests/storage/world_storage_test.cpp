@@ -21,10 +21,6 @@ const int kT0 = 1'700'000'000;
 class WorldStorageTest : public WorldFixture {
  protected:
   void configureModules() override { clock_ = std::make_unique<ManualClock>(kT0, 0); }
-  void TearDown() override {
-    WorldFixture::TearDown();
-    clock_.reset();
-  }
   void storeIn(const std::string& category, const std::string& object, const std::string& parent = "World") {
     ASSERT_EQ(0, world().storeObject(object, parent, {0, 0, 0, 0, 0, 0}, category, list({})));
   }
