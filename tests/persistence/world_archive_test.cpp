@@ -110,7 +110,8 @@ TEST_F(WorldArchiveTest, ACategorySharedByObjectsIsWrittenOnceAndSharedAgain) {
   EXPECT_EQ(text.find("<name>cups</name>"), text.rfind("<name>cups</name>"));
   // Case: read back, the three cups share one whole category again.
   std::set<const ObjectCategory*> cups;
-  for (const auto& node : parseNodesArchive(nodesPath(), text))
+  const SavedNodes nodes = parseNodesArchive(nodesPath(), text);  // kept: the categories live in it
+  for (const auto& node : nodes)
     if (node.second->getCategoryName() == "cups") cups.insert(node.second->getCategory().get());
   ASSERT_EQ(1u, cups.size());
   EXPECT_TRUE((*cups.begin())->hasAttribute("Display"));
