@@ -166,9 +166,9 @@ TEST(RobotModelTest, RefusesDescriptionsItCannotUseWithOneSentence) {
                   <joint name="b" type="continuous"><parent link="A"/><child link="B"/><mimic joint="a"/></joint>
                   </robot>)", ": joint a mimics itself through a cycle"},
   };
-  for (const auto& [xml, message] : refusals) {
-    const std::string what = errorOf([&] { RobotModel::fromText(xml, "Torso", "test.urdf"); });
-    EXPECT_EQ(what.rfind("Cannot read robot description test.urdf" + message, 0), 0u) << what;
+  for (const auto& refusal : refusals) {
+    const std::string what = errorOf([&] { RobotModel::fromText(refusal.first, "Torso", "test.urdf"); });
+    EXPECT_EQ(what.rfind("Cannot read robot description test.urdf" + refusal.second, 0), 0u) << what;
   }
 }
 

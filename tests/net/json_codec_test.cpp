@@ -54,7 +54,7 @@ TEST(JsonCodecTest, ValuesAreReadByHowTheyAreWritten) {
       {"1e39", "1e+39 does not fit in a float"},
       {"[1, [{}]]", "a JSON object is not a value"},
   };
-  for (const auto& [text, message] : refusals) EXPECT_EQ(errorOf([&] { decode(text); }), message);
+  for (const auto& refusal : refusals) EXPECT_EQ(errorOf([&] { decode(refusal.first); }), refusal.second);
 }
 
 TEST(JsonCodecTest, RepliesWrittenStraightToTextMatchTheDocumentForm) {
