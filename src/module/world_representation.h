@@ -186,11 +186,11 @@ class KQWorldRepresentation : public KQModule {
 
   // Enters an empty database entry for each category a query of the past met
   // without one; takes the category lock exclusively.
-  void xEnterEmptyDatabases(const std::set<std::string>& categories) EXCLUDES(categoryLock_);
+  void enterEmptyDatabases(const std::set<std::string>& categories) EXCLUDES(categoryLock_);
   // Walks reference -> object with `visitor` under the object, graph and
   // category locks held shared (takes them itself); false, logged from
   // `function`, when either name is unknown.
-  bool xVisitAtTime(const char* function, const std::string& reference, const std::string& object,
+  bool visitAtTime(const char* function, const std::string& reference, const std::string& object,
                     InterPosVisitor& visitor) EXCLUDES(objectLock_, graphLock_, categoryLock_);
 
   // --- archive.

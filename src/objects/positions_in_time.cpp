@@ -23,13 +23,13 @@ int requestedSecond(const ko::os::timeval& now, int secondsAgo) {
 
 }  // namespace
 
-void KQWorldRepresentation::xEnterEmptyDatabases(const std::set<std::string>& categories) {
+void KQWorldRepresentation::enterEmptyDatabases(const std::set<std::string>& categories) {
   if (categories.empty()) return;
   WriterLock categoryLock(categoryLock_);
   for (const std::string& category : categories) databases_.emplace(category, KQDatabaseManager());
 }
 
-bool KQWorldRepresentation::xVisitAtTime(const char* function, const std::string& reference, const std::string& object,
+bool KQWorldRepresentation::visitAtTime(const char* function, const std::string& reference, const std::string& object,
                                          InterPosVisitor& visitor) {
   {
     // All three shared: time queries run alongside each other and alongside
@@ -49,7 +49,7 @@ bool KQWorldRepresentation::xVisitAtTime(const char* function, const std::string
     }
     graph_.visitPath(visitor, referenceId, objectId);
   }
-  xEnterEmptyDatabases(visitor.missingCategories());
+  enterEmptyDatabases(visitor.missingCategories());
   return true;
 }
 
@@ -58,7 +58,7 @@ std::vector<float> KQWorldRepresentation::getPosition6DAtTime(const std::string&
   ko::os::timeval now;
   ko::os::gettimeofday(&now);  // first thing, before any lock
   InterPosVisitor visitor(&databases_, requestedSecond(now, secondsAgo), type);
-  if (!xVisitAtTime("getPosition6DAtTime", reference, object, visitor)) return std::vector<float>();
+  if (!visitAtTime("getPosition6DAtTime", reference, object, visitor)) return std::vector<float>();
   return visitor.getPosition6D().toVector();
 }
 
@@ -67,7 +67,7 @@ KQValue KQWorldRepresentation::getPositionAtTime(const std::string& reference, c
   ko::os::timeval now;
   ko::os::gettimeofday(&now);  // first thing, before any lock
   InterPosVisitor visitor(&databases_, requestedSecond(now, secondsAgo), type);
-  if (!xVisitAtTime("getPositionAtTime", reference, object, visitor)) return KQValue();
+  if (!visitAtTime("getPositionAtTime", reference, object, visitor)) return KQValue();
   KQValue pose;
   pose.arraySetSize(2);
   pose[0] = KQValue(visitor.getQuaternion().toVector());
