@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -154,11 +155,12 @@ class TreeReader {
   std::size_t pos_ = 0;
 };
 
+// Digits as the writer prints them, nothing around them: the library's
+// reader throws halfway through a record on anything else (a blank inside an
+// attribute), leaking what it had built.
 bool parseInteger(const std::string& text, bool allowNegative, int64_t& value) {
   std::size_t begin = 0;
-  std::size_t end = text.size();
-  while (begin < end && isBlank(text[begin])) ++begin;
-  while (end > begin && isBlank(text[end - 1])) --end;
+  const std::size_t end = text.size();
   bool negative = false;
   if (begin < end && text[begin] == '-' && allowNegative) {
     negative = true;
@@ -385,6 +387,9 @@ class ShapeChecker {
     if (!xExpectName(element, "item") || !xClassInfo(element, Type::kNodesItem) || !xChildCount(element, 2) ||
         !xIntegerLeaf(element.children[0], "first", id, true))
       return false;
+    // A second record of one id would be dropped by the map while the
+    // library still tracks its object: a later reference would dangle.
+    if (!nodeIds_.insert(id).second) return xFail("node " + std::to_string(id) + " saved twice");
     const Element& second = element.children[1];
     if (!xExpectName(second, "second") || !xClassInfo(second, Type::kSharedObject) || !xChildCount(second, 1))
       return false;
@@ -411,6 +416,7 @@ class ShapeChecker {
     return true;
   }
 
+  std::set<int64_t> nodeIds_;
   std::map<Type, int> classIds_;
   int nextClassId_ = 0;
   std::vector<Type> objects_;  // object id -> type of the object declared with it
