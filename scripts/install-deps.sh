@@ -11,6 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-websockets curl
   clang libclang-rt-14-dev gcovr
+  libtf2-dev libhiredis-dev redis-server
 )
 
 missing=()
