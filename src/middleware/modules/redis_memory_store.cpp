@@ -1,6 +1,7 @@
 #include "middleware/modules/redis_memory_store.h"
 
 #include <hiredis/hiredis.h>
+#include <signal.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -58,6 +59,32 @@ std::string globEscape(const std::string& text) {
 std::string replyText(const redisReply* reply) { return std::string(reply->str, reply->len); }
 
 std::string commandName(const std::vector<std::string>& command) { return command.empty() ? "" : command[0]; }
+
+// Keeps a write on a connection the server closed from killing the process
+// with SIGPIPE (hiredis writes with write(2), which raises it): blocked in
+// this thread while the guard lives, and a SIGPIPE left pending is taken
+// before it is unblocked. The process's own disposition is not touched.
+class SigpipeGuard {
+ public:
+  SigpipeGuard() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
+  }
+  ~SigpipeGuard() {
+    const timespec none{0, 0};
+    sigset_t pending;
+    sigpending(&pending);
+    if (sigismember(&pending, SIGPIPE) == 1 && sigismember(&before_, SIGPIPE) == 0) sigtimedwait(&pipe_, nullptr, &none);
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+  SigpipeGuard(const SigpipeGuard&) = delete;
+  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+
+ private:
+  sigset_t pipe_;
+  sigset_t before_;
+};
 
 // Microseconds since the epoch: the declaration order of the event list.
 std::string nowMicroseconds() {
@@ -136,6 +163,7 @@ RedisMemoryStore::RedisMemoryStore(const std::string& url, const std::string& pr
 RedisMemoryStore::~RedisMemoryStore() { stopDelivery(); }
 
 RedisMemoryStore::Context RedisMemoryStore::connect(std::string& error) const {
+  const SigpipeGuard noSigpipe;
   const timeval timeout = toTimeval(kIoTimeout);
   Context context(address_.socketPath.empty()
                       ? redisConnectWithTimeout(address_.host.c_str(), address_.port, timeout)
@@ -171,10 +199,15 @@ void RedisMemoryStore::xUnavailable(const std::string& cause) {
 }
 
 std::vector<RedisMemoryStore::Reply> RedisMemoryStore::xRun(const std::vector<Command>& commands) {
+  const SigpipeGuard noSigpipe;
+  // The delivery thread saw the server go since this connection was made: it
+  // is stale (its first write would fail), so a fresh one is made at once.
+  if (command_ && commandLosses_ != streamLosses_.load()) command_.reset();
   if (!command_) {
     if (std::chrono::steady_clock::now() < retryAt_)
       throw KQMemoryStoreError("memory store unavailable: " + url_ + ": " + lastCause_);
     std::string cause;
+    commandLosses_ = streamLosses_.load();
     command_ = connect(cause);
     if (!command_) xUnavailable(cause);
     KO_LOG(ko::log::info, kLogCategory, "", "RedisMemoryStore", 0) << "Connected again to " << url_;
@@ -318,7 +351,11 @@ void RedisMemoryStore::deliverLoop(EventSink sink) {
     const std::string block = std::to_string(kBlockMs);
     const char* argv[] = {"XREAD", "COUNT", "256", "BLOCK", block.c_str(), "STREAMS", streamKey_.c_str(),
                           lastEntryId_.c_str()};
-    Reply reply(static_cast<redisReply*>(redisCommandArgv(context.get(), 8, argv, nullptr)));
+    Reply reply;
+    {
+      const SigpipeGuard noSigpipe;
+      reply.reset(static_cast<redisReply*>(redisCommandArgv(context.get(), 8, argv, nullptr)));
+    }
     if (!reply || reply->type == REDIS_REPLY_ERROR) {
       const std::string cause = reply ? replyText(reply.get()) : std::string(context->errstr);
       if (!lost) {
@@ -326,6 +363,7 @@ void RedisMemoryStore::deliverLoop(EventSink sink) {
             << "Lost the event stream of " << url_ << ": " << cause << "; reconnecting";
       }
       lost = true;
+      ++streamLosses_;
       context.reset();
       pauseUnlessStopping(backoff);
       continue;

@@ -18,7 +18,8 @@
 // the delivery thread blocks on (XREAD). A lost command connection fails the
 // call at hand and every call until the next attempt, at once, with
 // "memory store unavailable: URL: cause"; the next call after the backoff
-// (50 ms doubling to 1 s) connects again. Each connect and each reply waits
+// (50 ms doubling to 1 s) connects again; so does the first call after the
+// delivery thread saw the server go, whose connection is stale. Each connect and each reply waits
 // at most the I/O timeout (400 ms), so no call takes a second. The delivery
 // thread reconnects with the same backoff on its own.
 //
@@ -113,6 +114,10 @@ class RedisMemoryStore : public KQMemoryStore {
   std::chrono::steady_clock::time_point retryAt_ GUARDED_BY(commandMutex_);
   std::chrono::milliseconds backoff_ GUARDED_BY(commandMutex_);
   std::string lastCause_ GUARDED_BY(commandMutex_);
+  // How often the delivery thread lost the server, and that count when the
+  // command connection was made.
+  std::atomic<unsigned> streamLosses_{0};
+  unsigned commandLosses_ GUARDED_BY(commandMutex_) = 0;
 
   // The id of the last stream entry seen, read by the delivery thread only
   // once it runs (set before it starts).
