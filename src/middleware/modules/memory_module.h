@@ -14,6 +14,9 @@
 // thread and never runs again; so a subscriber must not hold, while it
 // unsubscribes, a lock its own callback takes.
 //
+// Subscriptions are filed by event name: a raise costs in proportion to its
+// own event's subscribers, not to all of them.
+//
 // Threading: every member is safe from any thread; mutex_ guards the data,
 // the events and the subscription table.
 #ifndef KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_
@@ -80,7 +83,9 @@ class KQMemoryModule : public KQModule, public KQEventSource {
   std::mutex mutex_;
   std::map<std::string, KQValue> data_;
   std::vector<std::string> events_;
-  std::map<uint64_t, std::shared_ptr<Subscription>> subscriptions_;
+  // event -> id -> subscriber, and id -> event to find it again.
+  std::map<std::string, std::map<uint64_t, std::shared_ptr<Subscription>>> subscriptionsByEvent_;
+  std::map<uint64_t, std::string> eventOfSubscription_;
   uint64_t nextSubscriptionId_ = 1;
 };
 
