@@ -1,11 +1,13 @@
 """ws_client.py WS_URL STEP...: steps in order; the WebSocket connects when first needed.
 send:TEXT; recv (print the next message); closed (read until closed, print "closed CODE", or "still open"
 after 30 s of silence); abort (drop TCP without a close handshake, stop); post:TEXT (POST to /rpc, print
-the reply, reading nothing else meanwhile); raw:TEXT (new TCP connection, print repr() of all it gets)."""
+the reply, reading nothing else meanwhile); raw:TEXT (new TCP connection, print repr() of all it gets);
+trickle:TEXT (new TCP connection: TEXT, then a byte every 0.5 s; print "closed after N s", whole seconds)."""
 import asyncio
 import http.client
 import socket
 import sys
+import time
 import urllib.parse
 
 import websockets
@@ -20,6 +22,20 @@ async def main(url, steps):
             with socket.create_connection((where.hostname, where.port), timeout=60) as raw:
                 raw.sendall(text.encode())
                 print(repr(b"".join(iter(lambda: raw.recv(65536), b""))))
+        elif kind == "trickle":
+            with socket.create_connection((where.hostname, where.port), timeout=0.5) as raw:
+                start = time.monotonic()
+                raw.sendall(text.encode())
+                try:
+                    while time.monotonic() - start < 30:
+                        try:
+                            if raw.recv(65536) == b"":
+                                break
+                        except socket.timeout:
+                            raw.sendall(b"x")
+                except OSError:
+                    pass
+                print("closed after %d s" % (time.monotonic() - start))
         elif kind == "post":
             connection = http.client.HTTPConnection(where.hostname, where.port, timeout=120)
             connection.request("POST", "/rpc", body=text, headers={"Content-Type": "application/json"})

@@ -90,8 +90,10 @@ void HttpSession::readHeader() {
   framingBytes_ = 0;
   inTrailer_ = false;
   // A kept-alive connection may wait the idle time for its next request;
-  // once a byte of it is here, the request timeout runs (see onRead).
-  requestStarted_ = buffer_.size() > 0;
+  // once a byte of it is here, the request timeout runs (see onRead). A new
+  // connection owes its first request at once: a silent one holds a
+  // connection slot no longer than the request timeout.
+  requestStarted_ = buffer_.size() > 0 || !servedOne_;
   stream_.expires_after(std::chrono::seconds(requestStarted_ ? context_.options.requestTimeoutSeconds
                                                              : context_.options.idleTimeoutSeconds));
   if (requestStarted_) return parseBuffered();
@@ -161,6 +163,7 @@ void HttpSession::parseBuffered() {
 
 void HttpSession::onHeader() {
   if (closed_) return;
+  servedOne_ = true;
   const auto& request = parser_->get();
   const auto originField = request.find(http::field::origin);
   std::string_view origin;

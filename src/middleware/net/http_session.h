@@ -80,6 +80,7 @@ class HttpSession : public Connection, public std::enable_shared_from_this<HttpS
   RequestGuard guard_;
   Phase phase_ = Phase::Header;
   bool requestStarted_ = false;    // a byte of the current request arrived
+  bool servedOne_ = false;         // a whole header was read on this connection
   std::size_t headerBytes_ = 0;    // of the current request
   std::size_t framingBytes_ = 0;   // chunk extensions and trailer of the current request
   bool inTrailer_ = false;         // the last chunk was read

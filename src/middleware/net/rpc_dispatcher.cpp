@@ -168,8 +168,10 @@ void RpcDispatcher::handleOne(const json& request, RpcSubscriptions* subscriptio
   if (!request.is_object()) return refuse(nullptr, "Invalid Request: not an object");
   const auto idField = request.find("id");
   const bool isNotification = idField == request.end();
+  if (!isNotification && idField->is_number_float() && std::isnan(idField->get<double>()))
+    return refuse(nullptr, "Invalid Request: \"id\" does not fit in 64 bits");
   if (!isNotification && !isValidId(*idField))
-    return refuse(nullptr, "Invalid Request: \"id\" must be a string, a number or null, an integer within 64 bits");
+    return refuse(nullptr, "Invalid Request: \"id\" must be a string, a number or null");
   const json id = isNotification ? json() : *idField;
 
   const auto version = request.find("jsonrpc");
