@@ -43,6 +43,7 @@ class AbuseTest(kqservice.FolderTest):
                     self.assertIn(b'"result"', connection.getresponse().read())
                     times.append(time.monotonic() - start)
                     time.sleep(0.05)
+                connection.close()
 
             watcher = threading.Thread(target=watch)
             watcher.start()
