@@ -68,7 +68,6 @@ unsigned short serverPort() {
     options.port = 0;
     options.maxMessageBytes = 4096;
     options.maxHeaderBytes = 1024;
-    options.maxReplyBytes = 4096;
     options.requestTimeoutSeconds = 1;
     auto* server = new KQ::net::RpcServer(fuzzBroker(), options);
     server->start();
@@ -100,10 +99,9 @@ void sendRaw(std::string_view bytes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-  if (bytes.rfind("GET ", 0) == 0 || bytes.rfind("POST ", 0) == 0) {
+  if (bytes.rfind("GET ", 0) == 0 || bytes.rfind("POST ", 0) == 0)
     sendRaw(bytes);
-    return 0;
-  }
-  dispatcher().handle(bytes, nullptr);
+  else
+    dispatcher().handle(bytes, nullptr);
   return 0;
 }

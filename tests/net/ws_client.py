@@ -1,8 +1,8 @@
-"""ws_client.py WS_URL STEP...: steps in order; the WebSocket connects when first needed.
-send:TEXT; recv (print the next message); closed (read until closed, print "closed CODE", or "still open"
-after 30 s of silence); abort (drop TCP without a close handshake, stop); post:TEXT (POST to /rpc, print
-the reply, reading nothing else meanwhile); raw:TEXT (new TCP connection, print repr() of all it gets);
-trickle:TEXT (new TCP connection: TEXT, then a byte every 0.5 s; print "closed after N s", whole seconds)."""
+"""ws_client.py WS_URL STEP...: steps in order; the WebSocket connects when first needed. send:TEXT; recv (print the
+next message); closed (read until closed, print "closed CODE", or "still open" after 30 s of silence); abort (drop TCP
+without a close handshake, stop); post:TEXT (POST to /rpc, print the reply, reading nothing else meanwhile); raw:TEXT
+(new TCP connection, print repr() of all it gets); trickle:TEXT (new TCP connection: TEXT, then a byte every 0.5 s;
+print "closed after N s", whole seconds)."""
 import asyncio
 import http.client
 import socket
@@ -30,13 +30,11 @@ async def main(url, steps):
         elif kind == "trickle":
             with socket.create_connection((where.hostname, where.port), timeout=0.5) as raw:
                 start = time.monotonic()
-                raw.sendall(text.encode())
                 try:  # the end of the server's sending is no close: the byte that is reset is
+                    raw.sendall(text.encode())
                     while time.monotonic() - start < 30:
                         try:
-                            if raw.recv(65536) == b"":
-                                time.sleep(0.5)
-                                raw.sendall(b"x")
+                            raw.recv(65536) or time.sleep(0.5) or raw.sendall(b"x")
                         except socket.timeout:
                             raw.sendall(b"x")
                 except OSError:

@@ -119,10 +119,11 @@ class RpcServer::Impl {
       if (ec) {
         // Out of descriptors, most likely: wait a little rather than spin.
         uint64_t suppressed = 0;
-        if (acceptErrors_.admit(ec.message(), &suppressed))
+        if (acceptErrors_.admit(ec.message(), &suppressed)) {
           KO_LOG(ko::log::warning, kLogCategory, "", "xAccept", 0)
               << "Cannot accept a connection: " << ec.message()
               << (suppressed ? " (and " + std::to_string(suppressed) + " more in the last second)" : std::string());
+        }
         retryTimer_.expires_after(std::chrono::milliseconds(100));
         retryTimer_.async_wait([this](boost::system::error_code waitError) {
           if (!waitError) xAccept();
@@ -154,11 +155,10 @@ class RpcServer::Impl {
     socket.shutdown(tcp::socket::shutdown_both, ignored);
     socket.close(ignored);
     uint64_t suppressed = 0;
-    if (acceptErrors_.admit("connections", &suppressed))
-      KO_LOG(ko::log::warning, kLogCategory, "", "xAccept", 0)
-          << "Refused " << client << ": "
-          << context_.options.maxConnections << " connections are open"
-          << (suppressed ? " (and " + std::to_string(suppressed) + " more refused in the last second)" : std::string());
+    if (!acceptErrors_.admit("connections", &suppressed)) return;
+    KO_LOG(ko::log::warning, kLogCategory, "", "xAccept", 0)
+        << "Refused " << client << ": " << context_.options.maxConnections << " connections are open"
+        << (suppressed ? " (and " + std::to_string(suppressed) + " more refused in the last second)" : std::string());
   }
 
   ServerContext context_;
