@@ -152,6 +152,7 @@ TEST_F(RpcOverHttpTest, HostileRequestsEndWithinTheirBounds) {
       {"POST /rpc HTTP/1.0\r\nContent-Type: application/json\r\nExpect: 100-continue\r\nContent-Length: " +
            std::to_string(kPing.size()) + "\r\n\r\n" + kPing,
        "b'HTTP/1.0 200 OK"},  // no 100 Continue first
+      {"POST /rpc HTTP/1.0\r\nContent-Type: application/json\r\nContent-Length: 0\r\n\r\n", "b'HTTP/1.0 200 OK"},
   };
   for (const auto& [request, answer] : cases)
     EXPECT_EQ(wsClient({"raw:" + request}).rfind(answer, 0), 0u) << request.substr(0, 200);

@@ -130,6 +130,11 @@ void HttpSession::onRead(beast::error_code ec, std::size_t bytes) {
 void HttpSession::parseBuffered() {
   const std::size_t maxHeader = context_.options.maxHeaderBytes;
   while (!closed_) {
+    // A request without a body (or a body already read whole) needs no more bytes.
+    if (phase_ == Phase::Body && parser_->is_done()) {
+      phase_ = Phase::Done;
+      return onBody();
+    }
     if (buffer_.size() == 0) return readMore();
     beast::error_code ec;
     const std::size_t used = parser_->put(buffer_.data(), ec);
