@@ -261,10 +261,10 @@ void raiseOpenFileLimit(int maxConnections) {
     limit.rlim_cur = wanted;
     ::setrlimit(RLIMIT_NOFILE, &limit);
   }
-  if (wanted < needed)
-    KO_LOG(ko::log::warning, "KQRpcServer", "", "raiseOpenFileLimit", 0)
-        << "The open-file limit " << wanted << " is below the " << needed << " that " << maxConnections
-        << " connections need; past it new connections wait.";
+  if (wanted >= needed) return;
+  KO_LOG(ko::log::warning, "KQRpcServer", "", "raiseOpenFileLimit", 0)
+      << "The open-file limit " << wanted << " is below the " << needed << " that " << maxConnections
+      << " connections need; past it new connections wait.";
 }
 
 bool isLoopback(const sockaddr* address) {
