@@ -89,8 +89,7 @@ void sendRaw(std::string_view bytes) {
     ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     ::shutdown(fd, SHUT_WR);
     char buffer[65536];
-    while (::recv(fd, buffer, sizeof(buffer), 0) > 0) {
-    }
+    while (::recv(fd, buffer, sizeof(buffer), 0) > 0) continue;
   }
   ::close(fd);
 }
