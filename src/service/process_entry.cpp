@@ -6,9 +6,11 @@
 #include <signal.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -58,6 +60,7 @@ struct ProcessOptions {
   std::optional<std::string> token;
   std::string tokenFile;
   std::size_t maxMessageBytes = 1 << 20;
+  KQ::net::RpcServerOptions server;  // the budgets of the network front
   int sqlTimeoutMs = 2000;
   bool help = false;
 };
@@ -108,6 +111,23 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "  --token-file FILE    read the token from the first line of FILE\n"
       << "  --max-message BYTES  largest request accepted, and most bytes of values one\n"
       << "                       select may return (default 1048576)\n"
+      << "  --max-header BYTES   most bytes of one request's header, and apart of a\n"
+      << "                       chunked body's extensions and trailer (default 16384)\n"
+      << "  --request-timeout S  a request must arrive whole within S seconds of its\n"
+      << "                       first byte (default 10)\n"
+      << "  --max-connections N  open connections; past them a new one is answered 503\n"
+      << "                       and closed (default 512)\n"
+      << "  --max-calls N        calls queued or running across all connections; past\n"
+      << "                       them a call is answered busy (default 256)\n"
+      << "  --max-queued-bytes BYTES  bytes of calls waiting to run across all clients,\n"
+      << "                       and apart bytes waiting to be sent to all WebSocket\n"
+      << "                       clients; a client past its share is closed (default\n"
+      << "                       67108864)\n"
+      << "  --max-reply BYTES    most bytes of one reply, a batch included; a call that\n"
+      << "                       does not fit is answered -32000 \"reply too large\"\n"
+      << "                       (default 16777216)\n"
+      << "  --max-subscriptions N  subscriptions of one WebSocket connection (default\n"
+      << "                       1024)\n"
       << "  --sql-timeout-ms MS  deadline of a statement holding caller text (select,\n"
       << "                       update, delete conditions; default 2000)\n"
       << "  --help               print this help and exit\n"
@@ -200,6 +220,24 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (!parseUnsigned(text, 1ull << 40, number) || number == 0)
         bad("Option --max-message needs a positive number of bytes, not " + text);
       options.maxMessageBytes = static_cast<std::size_t>(number);
+    } else if (name == "--max-header" || name == "--max-queued-bytes" || name == "--max-reply") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 1ull << 40, number) || number == 0)
+        bad("Option " + name + " needs a positive number of bytes, not " + text);
+      std::size_t& field = name == "--max-header"         ? options.server.maxHeaderBytes
+                           : name == "--max-queued-bytes" ? options.server.maxQueuedBytes
+                                                          : options.server.maxReplyBytes;
+      field = static_cast<std::size_t>(number);
+    } else if (name == "--request-timeout" || name == "--max-connections" || name == "--max-calls" ||
+               name == "--max-subscriptions") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 1000000, number) || (number == 0 && name != "--max-subscriptions"))
+        bad("Option " + name + " needs a positive number up to 1000000, not " + text);
+      int& field = name == "--request-timeout"   ? options.server.requestTimeoutSeconds
+                   : name == "--max-connections" ? options.server.maxConnections
+                   : name == "--max-calls"       ? options.server.maxCalls
+                                                 : options.server.maxSubscriptions;
+      field = static_cast<int>(number);
     } else if (name == "--sql-timeout-ms") {
       const std::string text = value();
       if (!parseUnsigned(text, 3600000, number) || number == 0)
@@ -230,6 +268,23 @@ std::string resolveToken(const std::string& processName, const ProcessOptions& o
   }
   const char* fromEnvironment = std::getenv("KQ_TOKEN");
   return fromEnvironment ? std::string(fromEnvironment) : std::string();
+}
+
+// The connections allowed, and room for the databases, the log and the
+// listener: raised up to the hard limit, logged when that is too low.
+void raiseOpenFileLimit(int maxConnections) {
+  const rlim_t needed = static_cast<rlim_t>(maxConnections) + 256;
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= needed) return;
+  const rlim_t wanted = limit.rlim_max == RLIM_INFINITY ? needed : std::min(needed, limit.rlim_max);
+  if (wanted > limit.rlim_cur) {
+    limit.rlim_cur = wanted;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  if (wanted >= needed) return;
+  KO_LOG(ko::log::warning, "KQRpcServer", "", "raiseOpenFileLimit", 0)
+      << "The open-file limit " << wanted << " is below the " << needed << " that " << maxConnections
+      << " connections need; past it new connections wait.";
 }
 
 bool isLoopback(const sockaddr* address) {
@@ -444,7 +499,8 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
     failAfterStart(processName, broker, std::string("Cannot start the modules: ") + e.what());
   }
 
-  KQ::net::RpcServerOptions serverOptions;
+  raiseOpenFileLimit(options.server.maxConnections);
+  KQ::net::RpcServerOptions serverOptions = options.server;
   serverOptions.host = options.host;
   serverOptions.port = options.port;
   serverOptions.token = token;

@@ -106,8 +106,10 @@ void KQMemoryModule::notifySubscribers(const std::string& name, const KQValue& v
   std::vector<std::shared_ptr<Subscription>> receivers;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& entry : subscriptions_) {
-      if (entry.second->event == name) receivers.push_back(entry.second);
+    const auto found = subscriptionsByEvent_.find(name);
+    if (found != subscriptionsByEvent_.end()) {
+      receivers.reserve(found->second.size());
+      for (const auto& entry : found->second) receivers.push_back(entry.second);
     }
   }
   // Outside mutex_: a callback may read the value back or raise another event.
@@ -153,7 +155,8 @@ uint64_t KQMemoryModule::subscribeEvent(const std::string& event, KQEventCallbac
   subscription->callback = std::move(callback);
   std::lock_guard<std::mutex> lock(mutex_);
   const uint64_t id = nextSubscriptionId_++;
-  subscriptions_[id] = std::move(subscription);
+  subscriptionsByEvent_[event][id] = std::move(subscription);
+  eventOfSubscription_[id] = event;
   return id;
 }
 
@@ -161,10 +164,14 @@ void KQMemoryModule::unsubscribeEvent(uint64_t id) {
   std::shared_ptr<Subscription> subscription;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto found = subscriptions_.find(id);
-    if (found == subscriptions_.end()) return;
+    const auto event = eventOfSubscription_.find(id);
+    if (event == eventOfSubscription_.end()) return;
+    auto& ofEvent = subscriptionsByEvent_[event->second];
+    const auto found = ofEvent.find(id);
     subscription = found->second;
-    subscriptions_.erase(found);
+    ofEvent.erase(found);
+    if (ofEvent.empty()) subscriptionsByEvent_.erase(event->second);
+    eventOfSubscription_.erase(event);
   }
   // Waits for calls running on other threads; a callback that unsubscribes
   // itself does not wait for its own call.

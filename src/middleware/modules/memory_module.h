@@ -21,6 +21,9 @@
 // store's failure is a KQError of the method called, with the store's text
 // ("memory store unavailable: ...").
 //
+// Subscriptions are filed by event name: a raise costs in proportion to its
+// own event's subscribers, not to all of them.
+//
 // Threading: every member is safe from any thread; mutex_ guards the data,
 // the events and the subscription table.
 #ifndef KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_
@@ -99,7 +102,9 @@ class KQMemoryModule : public KQModule, public KQEventSource {
   std::mutex mutex_;
   std::map<std::string, KQValue> data_;
   std::vector<std::string> events_;
-  std::map<uint64_t, std::shared_ptr<Subscription>> subscriptions_;
+  // event -> id -> subscriber, and id -> event to find it again.
+  std::map<std::string, std::map<uint64_t, std::shared_ptr<Subscription>>> subscriptionsByEvent_;
+  std::map<uint64_t, std::string> eventOfSubscription_;
   uint64_t nextSubscriptionId_ = 1;
   // Null: in-process. Set once at construction.
   const std::shared_ptr<KQMemoryStore> store_;
