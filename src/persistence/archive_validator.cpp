@@ -216,15 +216,29 @@ class ShapeChecker {
     if (!parseInteger(xAttribute(root, "version"), false, version) || version < 4 ||
         version > static_cast<int64_t>(boost::archive::BOOST_ARCHIVE_VERSION()))
       return "an archive version this program cannot read";
-    if (root.children.size() != 1 || !isBlankText(root.text)) return "not exactly one record in the archive";
+    // The record, then the save's stamp (absent from archives written before
+    // the stamp existed).
+    const std::size_t count = root.children.size();
+    if ((count != 1 && count != 4) || !isBlankText(root.text)) return "not one record and its save stamp";
     const Element& record = root.children[0];
     if (kind == ArchiveKind::kNodes) {
       if (xExpectName(record, "nodes")) xCollection(record, Type::kNodesMap, &ShapeChecker::xNodesItem);
     } else {
       if (xExpectName(record, "edges")) xCollection(record, Type::kEdgeVector, &ShapeChecker::xEdge);
     }
+    const char* stampNames[] = {"saveId", "timeS", "timeUS"};
+    for (std::size_t i = 1; i < count && error_.empty(); ++i) {
+      // Unsigned 64-bit numbers: at most 18 digits always fit.
+      const std::string& text = root.children[i].text;
+      if (xLeaf(root.children[i], stampNames[i - 1]) &&
+          (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos))
+        xFail("<" + root.children[i].name + "> is not a number");
+    }
+    if (stamped != nullptr) *stamped = count == 4;
     return error_;
   }
+
+  bool* stamped = nullptr;
 
  private:
   using ItemCheck = bool (ShapeChecker::*)(const Element&);
@@ -425,11 +439,13 @@ class ShapeChecker {
 
 }  // namespace
 
-std::string validateArchiveText(const std::string& text, ArchiveKind kind) {
+std::string validateArchiveText(const std::string& text, ArchiveKind kind, bool* stamped) {
   Element root;
   const std::string error = TreeReader(text).read(root);
   if (!error.empty()) return error;
-  return ShapeChecker().check(root, kind);
+  ShapeChecker checker;
+  checker.stamped = stamped;
+  return checker.check(root, kind);
 }
 
 }  // namespace KQ

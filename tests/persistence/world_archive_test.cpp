@@ -184,18 +184,32 @@ TEST_F(WorldArchiveTest, SaveAndLoadNeverWaitForABusyGraph) {
   EXPECT_TRUE(world().findObject("saucer"));
 }
 
-TEST_F(WorldArchiveTest, ASaveCutShortBeforeItsRenameLeavesThePreviousArchive) {
-  ASSERT_EQ(0, world().save());
-  const std::string before = readFile(nodesPath()) + readFile(edgesPath());
-  KQSceneGraph graph;
-  graph.setNodeData(0, frame("Elsewhere"));
-  {
-    SaveVisitor visitor(dataDir());  // walked, then dropped without its commit, as a crash leaves it
-    ASSERT_EQ(0, graph.visitBFS(visitor, 0));
-    EXPECT_TRUE(fileExists(nodesPath() + ".tmp"));
-  }
-  EXPECT_EQ(before, readFile(nodesPath()) + readFile(edgesPath()));
-  EXPECT_FALSE(fileExists(nodesPath() + ".tmp") || fileExists(edgesPath() + ".tmp"));
+// A crash at any moment of a save leaves one complete pair: the previous
+// one before the commit marker's rename, the new one after it.
+TEST_F(WorldArchiveTest, AHalfWrittenPairReadsAsOneWholeSave) {
+  const SavedEdges oldEdges{edge(0, "World", 1, "a")}, newEdges{edge(0, "World", 1, "b")};
+  const ArchiveStamp oldSave = newArchiveStamp(), newSave = newArchiveStamp();
+  const auto idRead = [&] { return readWorldArchive(dataDir())->stamp.saveId; };
+  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("b")}}, newEdges, newSave);
+  const std::string newNodes = readFile(nodesPath()), newEdgesText = readFile(edgesPath());
+  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("a")}}, oldEdges, oldSave);
+  const std::string oldEdgesText = readFile(edgesPath());
+  // Case: the new files written, not committed: the previous save.
+  writeFile(nodesPath() + ".tmp", newNodes);
+  writeFile(edgesPath() + ".tmp", newEdgesText);
+  EXPECT_EQ(oldSave.saveId, idRead());
+  // Case: committed, nodes.xml renamed, edges.xml not yet: the new save.
+  writeFile(dataDir() + "/archive.commit", "");
+  writeFile(nodesPath(), newNodes);
+  std::remove((nodesPath() + ".tmp").c_str());
+  EXPECT_EQ(newSave.saveId, idRead());
+  EXPECT_EQ("b", readWorldArchive(dataDir())->edges[0].childName);
+  // Case: a pair from two saves without a commit is broken.
+  std::remove((dataDir() + "/archive.commit").c_str());
+  writeFile(edgesPath(), oldEdgesText);
+  EXPECT_EQ("KQWorldRepresentation.load: " + edgesPath() + " is not from the save that wrote " + nodesPath() +
+                " (save " + std::to_string(oldSave.saveId) + ", not " + std::to_string(newSave.saveId) + ").",
+            errorOf([&] { readWorldArchive(dataDir()); }));
 }
 
 }  // namespace
