@@ -103,7 +103,9 @@ std::vector<std::string> KQWorldRepresentation::restoreWorld(const WorldArchive*
   for (const auto& database : databases_) {
     int status = 0;
     const KQValue latest = database.second.readAll(latestPositionsQuery(), &status);
-    if (status != 0) KQWR_ERROR("restore") << "Could not read the positions of category " << database.first;
+    if (status != 0) {
+      KQWR_ERROR("restore") << "Could not read the positions of category " << database.first;
+    }
     CategoryRows category{database.first, {}};
     category.rows.reserve(static_cast<std::size_t>(latest.getSize()));
     LatestPosition position;
@@ -134,9 +136,10 @@ std::vector<std::string> KQWorldRepresentation::restoreWorld(const WorldArchive*
     graph_.setNodeData(newId, std::make_shared<WorldObject>(object.name, categories_[object.category]));
     if (withDisplay.count(object.name) != 0) displayed.push_back(object.name);
   }
-  for (const auto& orphan : plan.orphans)
+  for (const auto& orphan : plan.orphans) {
     KQWR_WARNING("restore") << "Object " << orphan.first << ": its parent " << orphan.second
                             << " cannot be restored; placed under " << rootName_ << ".";
+  }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   KQWR_LOG(::ko::log::info, "restore") << "Restored " << plan.fromArchive << " objects from the archive and "
                                        << plan.fromDatabases << " from the databases in " << seconds << " s";

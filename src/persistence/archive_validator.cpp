@@ -60,11 +60,17 @@ class TreeReader {
       if (text_[pos_] != '<') {
         if (open.empty()) return "text outside the root element";
         const std::size_t end = text_.find('<', pos_);
-        open.back()->text.append(text_, pos_, end == std::string::npos ? std::string::npos : end - pos_);
+        // Blanks between elements are not kept: the text of a collection of
+        // many items would grow with each and be scanned again for each.
+        const std::string chunk = text_.substr(pos_, end == std::string::npos ? std::string::npos : end - pos_);
+        if (open.back()->children.empty() || !isBlankText(chunk)) open.back()->text += chunk;
         // The library's reader knows the five entities the writer makes and
         // throws halfway through a record on anything else, leaking what it
         // had built of that record.
-        for (std::size_t amp = text_.find('&', pos_); amp < end; amp = text_.find('&', amp + 1)) {
+        // Searched within this text only: a search to the end of the document
+        // for every text would make a large archive quadratic.
+        const std::size_t textEnd = end == std::string::npos ? text_.size() : end;
+        for (std::size_t amp = pos_; (amp = xFindAmpersand(amp, textEnd)) < textEnd; ++amp) {
           static const char* const kEntities[] = {"&lt;", "&gt;", "&amp;", "&quot;", "&apos;"};
           bool known = false;
           for (const char* entity : kEntities) known = known || text_.compare(amp, std::strlen(entity), entity) == 0;
@@ -152,6 +158,11 @@ class TreeReader {
   }
 
   const std::string& text_;
+  std::size_t xFindAmpersand(std::size_t from, std::size_t end) const {
+    const void* found = std::memchr(text_.data() + from, '&', end - from);
+    return found == nullptr ? end : static_cast<std::size_t>(static_cast<const char*>(found) - text_.data());
+  }
+
   std::size_t pos_ = 0;
 };
 

@@ -33,10 +33,11 @@ void Autosaver::run() {
     try {
       const int result = save_();
       const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-      if (result == 0)
+      if (result == 0) {
         KQWR_VERBOSE("autosave") << "Saved the world in " << seconds << " s";
-      else
+      } else {
         KQWR_VERBOSE("autosave") << "Skipped this round: the world was busy (" << seconds << " s)";
+      }
     } catch (const std::exception& e) {
       KQWR_ERROR("autosave") << "Could not save the world: " << e.what();
     }

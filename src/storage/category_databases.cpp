@@ -117,7 +117,9 @@ void KQWorldRepresentation::xReopenCategories() {
       for (int column = 3; column < table.second.getSize(); ++column) fields.arrayPush(table.second[column]);
       xAddAttributeToCategory(category, table.first, fields);
     }
-    if (status != 0) KQWR_ERROR("restore") << "Could not read the tables of " << paths[i];
+    if (status != 0) {
+      KQWR_ERROR("restore") << "Could not read the tables of " << paths[i];
+    }
   }
 }
 

@@ -184,29 +184,20 @@ TEST_F(WorldArchiveTest, SaveAndLoadNeverWaitForABusyGraph) {
   EXPECT_TRUE(world().findObject("saucer"));
 }
 
-// A crash at any moment of a save leaves one complete pair: the previous
-// one before the commit marker's rename, the new one after it.
+// A crash at any moment of a save leaves one whole pair: the previous before the commit marker, the new after.
 TEST_F(WorldArchiveTest, AHalfWrittenPairReadsAsOneWholeSave) {
-  const SavedEdges oldEdges{edge(0, "World", 1, "a")}, newEdges{edge(0, "World", 1, "b")};
   const ArchiveStamp oldSave = newArchiveStamp(), newSave = newArchiveStamp();
-  const auto idRead = [&] { return readWorldArchive(dataDir())->stamp.saveId; };
-  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("b")}}, newEdges, newSave);
-  const std::string newNodes = readFile(nodesPath()), newEdgesText = readFile(edgesPath());
-  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("a")}}, oldEdges, oldSave);
-  const std::string oldEdgesText = readFile(edgesPath());
-  // Case: the new files written, not committed: the previous save.
-  writeFile(nodesPath() + ".tmp", newNodes);
-  writeFile(edgesPath() + ".tmp", newEdgesText);
-  EXPECT_EQ(oldSave.saveId, idRead());
-  // Case: committed, nodes.xml renamed, edges.xml not yet: the new save.
-  writeFile(dataDir() + "/archive.commit", "");
-  writeFile(nodesPath(), newNodes);
-  std::remove((nodesPath() + ".tmp").c_str());
-  EXPECT_EQ(newSave.saveId, idRead());
+  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("b")}}, {edge(0, "World", 1, "b")}, newSave);
+  const std::string newNodes = readFile(nodesPath()), newEdges = readFile(edgesPath());
+  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("a")}}, {edge(0, "World", 1, "a")}, oldSave);
+  writeFile(nodesPath() + ".tmp", newNodes);  // Case: written, not committed.
+  writeFile(edgesPath() + ".tmp", newEdges);
+  EXPECT_EQ("a", readWorldArchive(dataDir())->edges[0].childName);
+  writeFile(dataDir() + "/archive.commit", "");  // Case: committed, nodes.xml renamed, edges.xml not yet.
+  std::rename((nodesPath() + ".tmp").c_str(), nodesPath().c_str());
+  EXPECT_EQ(newSave.saveId, readWorldArchive(dataDir())->stamp.saveId);
   EXPECT_EQ("b", readWorldArchive(dataDir())->edges[0].childName);
-  // Case: a pair from two saves without a commit is broken.
-  std::remove((dataDir() + "/archive.commit").c_str());
-  writeFile(edgesPath(), oldEdgesText);
+  std::remove((dataDir() + "/archive.commit").c_str());  // Case: two saves' files, no commit: broken.
   EXPECT_EQ("KQWorldRepresentation.load: " + edgesPath() + " is not from the save that wrote " + nodesPath() +
                 " (save " + std::to_string(oldSave.saveId) + ", not " + std::to_string(newSave.saveId) + ").",
             errorOf([&] { readWorldArchive(dataDir()); }));
