@@ -1,6 +1,6 @@
 #include "persistence/world_restore.h"
 
-#include <map>
+#include <algorithm>
 #include <unordered_map>
 #include <utility>
 
@@ -41,10 +41,13 @@ RestorePlan planRestore(const WorldArchive* archive, const std::vector<CategoryR
   if (archive != nullptr)
     for (const SaveVisitor::Edge& edge : archive->edges) archived[edge.childName] = &edge;
 
-  std::map<std::string, RestoredObject> chosen;  // by name: a stable order
+  // By name, for a stable order; parents are looked up by name.
+  std::vector<RestoredObject> chosen;
+  chosen.reserve(latest.size());
   for (const auto& entry : latest) {
     const LatestPosition& row = *entry.second.first;
-    RestoredObject object;
+    chosen.emplace_back();
+    RestoredObject& object = chosen.back();
     object.name = entry.first;
     object.category = *entry.second.second;
     auto saved = archived.find(entry.first);
@@ -61,34 +64,39 @@ RestorePlan planRestore(const WorldArchive* archive, const std::vector<CategoryR
       object.quaternion = row.quaternion;
       object.translation = row.translation;
     }
-    chosen.emplace(object.name, std::move(object));
   }
+  std::sort(chosen.begin(), chosen.end(),
+            [](const RestoredObject& a, const RestoredObject& b) { return a.name < b.name; });
+  std::unordered_map<std::string, std::size_t> index;
+  index.reserve(chosen.size());
+  for (std::size_t i = 0; i < chosen.size(); ++i) index.emplace(chosen[i].name, i);
 
   // Parents first: each object waits for its parent's chain; a chain that
   // ends at no restorable or live object, or loops, goes under the root.
   RestorePlan plan;
-  std::map<std::string, int> state;  // 1 on the current chain, 2 placed
-  for (auto& start : chosen) {
-    std::vector<RestoredObject*> chain;
-    RestoredObject* current = &start.second;
-    while (state[current->name] == 0) {
-      state[current->name] = 1;
+  plan.objects.reserve(chosen.size());
+  std::vector<char> state(chosen.size(), 0);  // 1 on the current chain, 2 placed
+  std::vector<std::size_t> chain;
+  for (std::size_t start = 0; start < chosen.size(); ++start) {
+    chain.clear();
+    std::size_t current = start;
+    while (state[current] == 0) {
+      state[current] = 1;
       chain.push_back(current);
-      const std::string& parent = current->parentName;
-      if (liveNames.count(parent) != 0) break;
-      auto found = chosen.find(parent);
-      if (found == chosen.end() || state[parent] == 1) {
-        plan.orphans.emplace_back(current->name, parent);
-        current->parentName = rootName;
+      RestoredObject& object = chosen[current];
+      if (liveNames.count(object.parentName) != 0) break;
+      auto parent = index.find(object.parentName);
+      if (parent == index.end() || state[parent->second] == 1) {
+        plan.orphans.emplace_back(object.name, object.parentName);
+        object.parentName = rootName;
         break;
       }
-      if (state[parent] == 2) break;
-      current = &found->second;
+      current = parent->second;
     }
     for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
-      state[(*it)->name] = 2;
-      ++((*it)->fromArchive ? plan.fromArchive : plan.fromDatabases);
-      plan.objects.push_back(**it);
+      state[*it] = 2;
+      ++(chosen[*it].fromArchive ? plan.fromArchive : plan.fromDatabases);
+      plan.objects.push_back(std::move(chosen[*it]));
     }
   }
   return plan;
