@@ -1,7 +1,6 @@
-// Speed of a start with --restore: 100,000 objects in 20 categories (a fifth of them children of another, a tenth
-// moved with save = true after the last archive) come back from the archive and the databases. Goal: at most 2 s.
-// A plain start of the same process on the same data folder is measured beside it; restore_cpu_s is the starting
-// thread's CPU time (the wall time on an idle machine: the benchmark runs beside other work here).
+// Speed of a start with --restore: 100,000 objects in 20 categories (a fifth children of another, a tenth moved with
+// save = true after the archive). Goal: at most 2 s. Beside it: a plain start, and restore_cpu_s, the starting
+// thread's CPU time (the wall time of an idle machine; here the benchmark runs beside other work).
 #include <chrono>
 #include <ctime>
 #include <memory>
@@ -27,7 +26,7 @@ void BM_RestoreStart(benchmark::State& state) {
   KQ::KQModule::createModule<KQ::test::ScriptedMotionModule>(broker, "KQMotion");
   KQ::KQModule::createModule<KQ::test::RecordingMemoryModule>(broker, "KQMemory");
   std::shared_ptr<KQ::KQWorldRepresentation> world;
-  double cpu = 0.0;  // this thread's CPU seconds of the last start (init runs here): the wall time of an idle machine
+  double cpu = 0.0;  // this thread's CPU seconds of the last start (init runs here)
   const auto cpuNow = [] {
     timespec now;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -61,7 +60,8 @@ void BM_RestoreStart(benchmark::State& state) {
     state.counters["restore_cpu_s"] = cpu;
     state.counters["objects"] = static_cast<double>(world->getObjectNames().size());
     const double plain = start(false);
-    state.counters.insert({{"restore_s", restored}, {"plain_start_s", plain}, {"restore_over_plain", restored / plain}});
+    state.counters.insert(
+        {{"restore_s", restored}, {"plain_start_s", plain}, {"restore_over_plain", restored / plain}});
   }
 }  // the modules are left running: their exit and final saves are not measured
 BENCHMARK(BM_RestoreStart)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);

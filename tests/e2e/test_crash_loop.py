@@ -70,8 +70,7 @@ class CrashLoopTest(FolderTest):
               % (kills, checked, len(losses), time.monotonic() - started))
         self.assertEqual([], losses[:10])
 
-    def check(self, service, ledger, losses, robot):
-        """Compares the world with the ledger, then takes the world as the new truth."""
+    def check(self, service, ledger, losses, robot):  # then the world is the new truth
         names = [n for n, o in ledger.items() if o["state"] != "gone"]
         parents = self.batch(service, [("getObjectNames", [])] + [("getObjectParentName", [n]) for n in names])
         present = set(parents.pop(0)) - robot

@@ -1,5 +1,4 @@
-// Stories of a restart with --restore. A crash is played by putting back the archive of the last save() after
-// the world has gone (its exit saves once more).
+// Stories of a restart with --restore; a crash leaves the archive of the last save() (put back after exit's).
 #include "persistence/world_restore.h"
 
 #include <gtest/gtest.h>
@@ -28,7 +27,8 @@ class WorldRestoreTest : public WorldFixture {
 TEST_F(WorldRestoreTest, EachObjectComesBackFromTheNewerOfArchiveAndRows) {
   ASSERT_EQ(0, world().createObjectCategory("cups", false));
   ASSERT_EQ(0, world().addAttributeToCategory("cups", "weight", list({list({"kg", "float"})})));
-  for (const char* name : {"table", "shelf"}) ASSERT_EQ(0, world().storeObject(name, "World", at(1), "frame", list({})));
+  for (const char* name : {"table", "shelf"})
+    ASSERT_EQ(0, world().storeObject(name, "World", at(1), "frame", list({})));
   for (std::string name : {"savedMove", "lateMove", "earlyMove", "gone", "onShelf"})
     ASSERT_EQ(0, world().storeObject(name, name == "onShelf" ? "shelf" : "table", at(0), "cups",
                                      list({list({"Display", list({list({"model", "cup"})})})})));
