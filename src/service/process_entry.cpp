@@ -19,6 +19,7 @@
 #include <iostream>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,7 @@
 #include "middleware/modules/default_robot.h"
 #include "middleware/modules/memory_module.h"
 #include "middleware/modules/motion_module.h"
+#include "middleware/modules/redis_memory_store.h"
 #include "middleware/modules/robot_model.h"
 #include "middleware/net/remote_proxy.h"
 #include "middleware/net/rpc_client.h"
@@ -48,6 +50,8 @@ struct ProcessOptions {
   unsigned short port = 9480;
   std::string dataDir;  // empty: the user data folder
   std::string parentUrl;
+  std::string memoryUrl;  // empty: KQMemory in this process
+  std::string memoryPrefix = "kq:";
   std::string robotFile;  // empty: the built-in description
   std::string torsoLink = "Torso";
   std::optional<int> logLevel;
@@ -93,6 +97,12 @@ std::string usage(const std::string& processName, const std::string& component, 
       << "                       ~/.local/share/kq/" << component << ")\n"
       << "  --parent URL         use KQMemory and KQMotion of the broker at URL (for\n"
       << "                       example http://127.0.0.1:9480) when it hosts them\n"
+      << "  --memory URL         keep KQMemory's values and events in Redis at URL,\n"
+      << "                       shared with every service using it:\n"
+      << "                       redis://HOST:PORT[/DB] or unix:///PATH[?db=N]\n"
+      << "                       (default: in this process)\n"
+      << "  --memory-prefix TEXT put every Redis key and stream of --memory under TEXT\n"
+      << "                       (default kq:)\n"
       << "  --robot FILE         URDF robot description driven by the simulated KQMotion\n"
       << "                       (default: " << KQ::kDefaultRobotSource << ")\n"
       << "  --torso-link NAME    link of the description that is the robot's torso\n"
@@ -168,6 +178,16 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (options.dataDir.empty()) bad("Option --data-dir needs a folder");
     } else if (name == "--parent") {
       options.parentUrl = value();
+    } else if (name == "--memory") {
+      options.memoryUrl = value();
+      if (options.memoryUrl.empty()) bad("Option --memory needs a URL");
+      try {
+        KQ::parseRedisUrl(options.memoryUrl);
+      } catch (const std::invalid_argument& e) {
+        bad(std::string("Option --memory: ") + e.what());
+      }
+    } else if (name == "--memory-prefix") {
+      options.memoryPrefix = value();
     } else if (name == "--robot") {
       options.robotFile = value();
       if (options.robotFile.empty()) bad("Option --robot needs a file");
@@ -401,6 +421,16 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
       needMotion = needMotion && name != KQ::KQMotionModule::kModuleName;
     }
   }
+  // A memory of our own in Redis wins over the parent's.
+  std::shared_ptr<KQ::KQMemoryStore> memoryStore;
+  if (!options.memoryUrl.empty()) {
+    needMemory = true;
+    try {
+      memoryStore = std::make_shared<KQ::RedisMemoryStore>(options.memoryUrl, options.memoryPrefix);
+    } catch (const std::exception& e) {
+      failStart(processName, e.what(), kStartStatus);
+    }
+  }
   std::optional<KQ::RobotModel> robot;
   if (needMotion) robot.emplace(loadRobot(processName, options));
 
@@ -413,7 +443,11 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   std::shared_ptr<KQ::KQMemoryModule> memory;
   std::shared_ptr<KQ::KQMotionModule> motion;
   try {
-    if (needMemory) memory = KQ::KQModule::createModule<KQ::KQMemoryModule>(broker, KQ::KQMemoryModule::kModuleName);
+    if (needMemory) {
+      memory = std::make_shared<KQ::KQMemoryModule>(broker, KQ::KQMemoryModule::kModuleName, memoryStore);
+      memory->initModule();
+      memory->init();
+    }
     if (needMotion) {
       motion = std::make_shared<KQ::KQMotionModule>(broker, KQ::KQMotionModule::kModuleName, std::move(*robot));
       motion->initModule();
@@ -449,7 +483,8 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   }
   KO_LOG(ko::log::info, processName, "", "mainFunction", 0)
       << "Listening on " << options.host << ":" << server.port() << " (HTTP POST /rpc, WebSocket /ws), data in "
-      << dataFolder << (options.parentUrl.empty() ? std::string() : ", parent " + options.parentUrl);
+      << dataFolder << (options.parentUrl.empty() ? std::string() : ", parent " + options.parentUrl)
+      << (options.memoryUrl.empty() ? std::string() : ", memory " + options.memoryUrl + " under " + options.memoryPrefix);
 
   int signal = 0;
   while (sigwait(&stopSignals, &signal) != 0) {
