@@ -21,6 +21,7 @@ const char* const kLogCategory = "ko.path";
 struct Overrides {
   std::mutex mutex;
   std::map<std::string, std::string> folders;
+  std::string fallback;  // setDefaultDataPath
 };
 
 Overrides& overrides() {
@@ -65,6 +66,7 @@ std::string componentFolder(const std::string& component) {
     std::lock_guard<std::mutex> lock(state.mutex);
     auto it = state.folders.find(component);
     if (it != state.folders.end()) return it->second;
+    if (!state.fallback.empty()) return state.fallback;
   }
   std::string kqHome = environment("KQ_DATA_HOME");
   if (!kqHome.empty()) return withoutTrailingSlash(join(withoutTrailingSlash(kqHome), component));
@@ -99,6 +101,12 @@ void setComponentDataPath(const std::string& component, const std::string& folde
   } else {
     state.folders[component] = withoutTrailingSlash(folder);
   }
+}
+
+void setDefaultDataPath(const std::string& folder) {
+  Overrides& state = overrides();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.fallback = folder.empty() ? std::string() : withoutTrailingSlash(folder);
 }
 
 }  // namespace path

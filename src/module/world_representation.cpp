@@ -2,12 +2,14 @@
 // table, and destruction.
 #include "module/world_representation.h"
 
+#include <cstdlib>
 #include <mutex>
 
 #include "middleware/broker.h"
 #include "middleware/memory_proxy.h"
 #include "middleware/motion_proxy.h"
 #include "middleware/path.h"
+#include "middleware/settings.h"
 #include "module/module_log.h"
 #include "persistence/autosaver.h"
 #include "persistence/world_archive.h"
@@ -29,19 +31,13 @@ struct LogCategoryRegistration {
 
 namespace {
 
-std::mutex& startOptionsMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
-KQWorldRepresentation::StartOptions& nextStartOptions() {
-  static KQWorldRepresentation::StartOptions options;
-  return options;
-}
-
+// The options live in the middleware's settings, so that a world model
+// loaded into a broker (kqbroker --load) gets that broker's command line.
 KQWorldRepresentation::StartOptions startOptionsForNextModule() {
-  std::lock_guard<std::mutex> lock(startOptionsMutex());
-  return nextStartOptions();
+  KQWorldRepresentation::StartOptions options;
+  options.restore = ko::settings::get("restore", "0") == "1";
+  options.autosaveSeconds = std::atoi(ko::settings::get("autosave", "0").c_str());
+  return options;
 }
 
 }  // namespace
@@ -65,8 +61,8 @@ KQWorldRepresentation::KQWorldRepresentation(std::shared_ptr<KQBroker> broker, c
 }
 
 void KQWorldRepresentation::setStartOptions(const StartOptions& options) {
-  std::lock_guard<std::mutex> lock(startOptionsMutex());
-  nextStartOptions() = options;
+  ko::settings::set("restore", options.restore ? "1" : "0");
+  ko::settings::set("autosave", std::to_string(options.autosaveSeconds));
 }
 
 void KQWorldRepresentation::registerMethods() {

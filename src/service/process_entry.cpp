@@ -38,7 +38,8 @@
 #include "middleware/net/rpc_server.h"
 #include "middleware/path.h"
 #include "middleware/value.h"
-#include "module/world_representation.h"
+#include "middleware/settings.h"
+#include "service/module_library.h"
 #include "storage/database_manager.h"
 
 namespace KQTools {
@@ -65,6 +66,7 @@ struct ProcessOptions {
   int sqlTimeoutMs = 2000;
   bool restore = false;
   int autosaveSeconds = 0;
+  std::vector<std::string> libraries;  // --load, in command-line order
   bool help = false;
 };
 
@@ -76,12 +78,17 @@ struct ProcessOptions {
   std::_Exit(status);
 }
 
-std::string usage(const std::string& processName, const std::string& component) {
+std::string usage(const std::string& processName, const std::string& component, bool hostsModule) {
   std::ostringstream out;
   out << "Usage: " << processName << " [options]\n"
-      << "\n"
-      << "Runs the world model as a service: a broker hosting KQWorldRepresentation,\n"
-      << "with the built-in KQMemory and a simulated KQMotion unless --parent names a\n"
+      << "\n";
+  if (hostsModule) {
+    out << "Runs the world model as a service: a broker hosting KQWorldRepresentation,\n";
+  } else {
+    out << "Runs a broker of the middleware: it hosts the module libraries given with\n"
+        << "--load (for example libkqworldrepresentation.so),\n";
+  }
+  out << "with the built-in KQMemory and a simulated KQMotion unless --parent names a\n"
       << "broker that hosts them, served as JSON-RPC 2.0 over HTTP (POST /rpc) and\n"
       << "WebSocket (GET /ws). SIGINT or SIGTERM saves the world and exits with 0 (1\n"
       << "when the world could not be saved). One service per data folder.\n"
@@ -138,6 +145,9 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "                       databases, the newer of the two for each object\n"
       << "  --autosave SECONDS   also save the world every SECONDS on a thread of its\n"
       << "                       own (default 0: only on stop and on request)\n"
+      << "  --load LIBRARY       load a module library at start and call its\n"
+      << "                       _createModule (repeatable, in order; at stop its\n"
+      << "                       _closeModule); only from the command line\n"
       << "  --help               print this help and exit\n"
       << "\n"
       << "Environment: KQ_TOKEN is the token when neither --token nor --token-file is\n"
@@ -246,6 +256,9 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
                    : name == "--max-calls"       ? options.server.maxCalls
                                                  : options.server.maxSubscriptions;
       field = static_cast<int>(number);
+    } else if (name == "--load") {
+      options.libraries.push_back(value());
+      if (options.libraries.back().empty()) bad("Option --load needs a library file");
     } else if (name == "--sql-timeout-ms") {
       const std::string text = value();
       if (!parseUnsigned(text, 3600000, number) || number == 0)
@@ -394,6 +407,7 @@ std::string prepareDataFolder(const std::string& processName, const ProcessOptio
     folder = error ? options.dataDir : absolute.lexically_normal().string();
     while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
     ko::path::setComponentDataPath(component, folder);
+    ko::path::setDefaultDataPath(folder);  // and the modules a broker loads
   } else {
     // The path layer warns on its own when it cannot make the folder; the
     // one line below says it better.
@@ -458,7 +472,7 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   const std::string component = processName.rfind("kq", 0) == 0 ? processName.substr(2) : processName;
   const ProcessOptions options = parseOptions(processName, argc, argv);
   if (options.help) {
-    std::cout << usage(processName, component);
+    std::cout << usage(processName, component, createModule != nullptr);
     return 0;
   }
 
@@ -510,10 +524,24 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
       motion->initModule();
       motion->init();
     }
-    KQ::KQWorldRepresentation::setStartOptions({options.restore, options.autosaveSeconds});
-    createModule(broker);
+    // Read by the world model when it is created, here or from a library.
+    ko::settings::set("restore", options.restore ? "1" : "0");
+    ko::settings::set("autosave", std::to_string(options.autosaveSeconds));
+    if (createModule) createModule(broker);
   } catch (const std::exception& e) {
     failAfterStart(processName, broker, std::string("Cannot start the modules: ") + e.what());
+  }
+  // Module libraries, in command-line order, after the built-in modules
+  // whose proxies they fetch. Closed in reverse order once every module has
+  // exited (the vector's destruction).
+  std::vector<std::unique_ptr<ModuleLibrary>> libraries;
+  for (const std::string& path : options.libraries) {
+    try {
+      libraries.push_back(std::make_unique<ModuleLibrary>(path));
+      libraries.back()->create(broker);
+    } catch (const std::exception& e) {
+      failAfterStart(processName, broker, "Cannot load module library " + path + ": " + e.what());
+    }
   }
 
   raiseOpenFileLimit(options.server.maxConnections);
@@ -541,6 +569,7 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   // No new calls first, then the modules, last registered first: the world
   // model saves its frame tree while KQMemory and KQMotion still answer.
   server.stop();
+  for (auto library = libraries.rbegin(); library != libraries.rend(); ++library) (*library)->close(broker);
   const bool clean = broker->shutdown();
   KO_LOG(ko::log::info, processName, "", "mainFunction", 0) << (clean ? "Stopped" : "Stopped, not cleanly");
   return clean ? 0 : 1;

@@ -58,12 +58,12 @@ class Service:
     """One kqworldrepresentation process: a context manager, or start() and close().
     Its stderr goes to a file (stderr_text())."""
 
-    def __init__(self, *extra, env=None, token=None):
+    def __init__(self, *extra, env=None, token=None, binary=None):
         self.port, self.token, self.env, self.process = free_port(), token, clean_env(**(env or {})), None
         self.url = "http://127.0.0.1:%d" % self.port
         self.folder = tempfile.mkdtemp(prefix="kqe2e-")
         self.data_dir = os.path.join(self.folder, "data")
-        self.command = [BINARY, "--port", str(self.port), "--data-dir", self.data_dir] + list(extra)
+        self.command = [binary or BINARY, "--port", str(self.port), "--data-dir", self.data_dir] + list(extra)
         self.command += ["--token", token] if token else []
 
     def start(self):
@@ -141,9 +141,9 @@ def run_kq(*args, url=None, token=None, check=True):
     return done
 
 
-def start_failure(*args, env=None):
+def start_failure(*args, env=None, binary=None):
     """Runs the binary expecting it to refuse to start; returns (status, stderr lines)."""
-    done = run([BINARY] + list(args), env)
+    done = run([binary or BINARY] + list(args), env)
     return done.returncode, [line for line in done.stderr.splitlines() if line.strip()]
 
 
