@@ -55,6 +55,7 @@ struct ProcessOptions {
   std::string tokenFile;
   std::size_t maxMessageBytes = 1 << 20;
   int sqlTimeoutMs = 2000;
+  std::string webRoot;  // empty: KQ_WEB_ROOT, else the sources' web/ folder
   bool help = false;
 };
 
@@ -100,6 +101,8 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "                       select may return (default 1048576)\n"
       << "  --sql-timeout-ms MS  deadline of a statement holding caller text (select,\n"
       << "                       update, delete conditions; default 2000)\n"
+      << "  --web-root DIR       folder of the viewer served at GET / (default KQ_WEB_ROOT,\n"
+      << "                       else the web/ folder of the sources it was built from)\n"
       << "  --help               print this help and exit\n"
       << "\n"
       << "Environment: KQ_TOKEN is the token when neither --token nor --token-file is\n"
@@ -185,11 +188,22 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (!parseUnsigned(text, 3600000, number) || number == 0)
         bad("Option --sql-timeout-ms needs a positive number of milliseconds up to 3600000, not " + text);
       options.sqlTimeoutMs = static_cast<int>(number);
+    } else if (name == "--web-root") {
+      options.webRoot = value();
+      if (options.webRoot.empty()) bad("Option --web-root needs a folder");
     } else {
       bad("Unknown option " + args[i]);
     }
   }
   return options;
+}
+
+// --web-root, else KQ_WEB_ROOT, else the web/ folder of the sources (set
+// by CMake), so the viewer works whatever the working directory.
+std::string webRootOf(const ProcessOptions& options) {
+  if (!options.webRoot.empty()) return options.webRoot;
+  if (const char* fromEnv = std::getenv("KQ_WEB_ROOT"); fromEnv && *fromEnv) return fromEnv;
+  return KQ_DEFAULT_WEB_ROOT;
 }
 
 // --token wins over --token-file, which wins over KQ_TOKEN.
@@ -415,6 +429,7 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   serverOptions.port = options.port;
   serverOptions.token = token;
   serverOptions.maxMessageBytes = options.maxMessageBytes;
+  serverOptions.webRoot = webRootOf(options);
   KQ::net::RpcServer server(broker, serverOptions);
   try {
     server.start();
@@ -422,7 +437,9 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
     failAfterStart(processName, broker, e.what());
   }
   KO_LOG(ko::log::info, processName, "", "mainFunction", 0)
-      << "Listening on " << options.host << ":" << server.port() << " (HTTP POST /rpc, WebSocket /ws), data in "
+      << "Listening on " << options.host << ":" << server.port()
+      << " (HTTP POST /rpc, WebSocket /ws and /foxglove, viewer at http://" << options.host << ":" << server.port()
+      << "/), data in "
       << dataFolder << (options.parentUrl.empty() ? std::string() : ", parent " + options.parentUrl);
 
   int signal = 0;

@@ -9,6 +9,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include "middleware/net/foxglove_session.h"
+#include "middleware/net/static_files.h"
 #include "middleware/net/websocket_session.h"
 
 namespace KQ {
@@ -82,14 +84,18 @@ void HttpSession::onHeader(beast::error_code ec) {
   if (originField != request.end()) origin = view(originField->value());
   if (!guard_.originAllowed(originField != request.end() ? &origin : nullptr))
     return refuse(http::status::forbidden, "Requests from another site's page are refused.");
+  const std::string_view path = targetPath(view(request.target()));
+  // The viewer's files hold no world data and a browser cannot put the token
+  // on the scripts a page imports: they are served without it (the page
+  // passes the token of its own address on to its WebSocket).
+  if (StaticFiles::handles(path) && request.method() == http::verb::get) return serveStatic(path);
   if (!guard_.authorized(view(request[http::field::authorization]), view(request.target())))
     return refuse(http::status::unauthorized, "A valid token is required.");
 
-  const std::string_view path = targetPath(view(request.target()));
-  if (path == "/ws") {
+  if (path == "/ws" || path == "/foxglove") {
     if (!beast::websocket::is_upgrade(request))
-      return refuse(http::status::bad_request, "GET /ws expects a WebSocket upgrade.");
-    return upgrade();
+      return refuse(http::status::bad_request, "GET " + std::string(path) + " expects a WebSocket upgrade.");
+    return upgrade(path == "/foxglove");
   }
   if (path != "/rpc") return refuse(http::status::not_found, "Not found: use POST /rpc or GET /ws.");
   if (request.method() != http::verb::post) {
@@ -158,13 +164,30 @@ void HttpSession::onBody(beast::error_code ec) {
   if (!posted) close();
 }
 
-void HttpSession::upgrade() {
+void HttpSession::serveStatic(std::string_view path) {
+  const auto& request = parser_->get();
+  const auto file = StaticFiles(context_.options.webRoot).find(path);
+  if (!file) return refuse(http::status::not_found, "Not found.", false);
+  auto response = std::make_shared<Response>(http::status::ok, request.version());
+  response->set(http::field::content_type, file->contentType);
+  response->set(http::field::cache_control, "no-cache");
+  response->body() = file->body;
+  response->keep_alive(request.keep_alive());
+  response->prepare_payload();
+  send(std::move(response));
+}
+
+void HttpSession::upgrade(bool foxglove) {
   // An upgrade request has no body; reading "the rest" finishes the parser.
-  http::async_read(stream_, buffer_, *parser_, [self = shared_from_this()](beast::error_code ec, std::size_t) {
+  http::async_read(stream_, buffer_, *parser_, [self = shared_from_this(), foxglove](beast::error_code ec, std::size_t) {
     if (self->closed_) return;
     if (ec) return self->close();
     self->closed_ = true;  // the socket now belongs to the WebSocket session
     self->stream_.expires_never();
+    if (foxglove) {
+      auto session = std::make_shared<FoxgloveSession>(std::move(self->stream_), self->context_);
+      return session->run(self->parser_->release());
+    }
     auto session = std::make_shared<WebSocketSession>(std::move(self->stream_), self->context_);
     session->run(self->parser_->release());
   });

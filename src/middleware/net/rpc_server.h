@@ -40,6 +40,7 @@ struct RpcServerOptions {
   std::size_t maxMessageBytes = 1 << 20;
   int workerThreads = 4;
   int idleTimeoutSeconds = 300;
+  std::string webRoot;                // the viewer's folder (GET /); empty: no viewer
 };
 
 class RpcServer {
