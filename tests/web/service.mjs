@@ -29,12 +29,13 @@ export async function startService(extraArgs = []) {
   let nextId = 1;
   const service = {
     url: `http://127.0.0.1:${port}`,
+    post: (body) => fetch(`${service.url}/rpc`, {
+      method: 'POST',
+      headers: { 'Content-Type': 'application/json', ...(token && { Authorization: `Bearer ${token}` }) },
+      body: JSON.stringify(body),
+    }).then((response) => response.json()),
     async call(method, ...params) {
-      const answer = await fetch(`${service.url}/rpc`, {
-        method: 'POST',
-        headers: { 'Content-Type': 'application/json', ...(token && { Authorization: `Bearer ${token}` }) },
-        body: JSON.stringify({ jsonrpc: '2.0', id: nextId++, method, params }),
-      }).then((response) => response.json());
+      const answer = await service.post({ jsonrpc: '2.0', id: nextId++, method, params });
       if (answer.error) throw new Error(`${method}: ${answer.error.message}`);
       return answer.result;
     },
