@@ -104,7 +104,7 @@ function onEvent(name, value) {
   updates++;
   if (name === EVENTS[0]) {
     const [object, q, t] = value;
-    if (!world.setPose(object, [q, t])) loadTree(false).catch(() => {});
+    if (!world.setPose(object, [q, t])) refreshTree().catch(() => {});
   } else if (name === EVENTS[1]) {
     applyDisplayList(Array.isArray(value) ? value : []).catch(() => {});
   } else if (name === EVENTS[2] && value[1] === 'Display') {
@@ -123,10 +123,16 @@ async function refreshRobot() {
   } finally { busy.robot = false; }
 }
 
+// The whole tree is read again only when the set of names changed.
 async function refreshTree() {
   if (!ready || busy.tree) return;
   busy.tree = true;
-  try { await loadTree(false); } finally { busy.tree = false; }
+  try {
+    const names = await rpc.call(`${W}.getObjectNames`);
+    const known = new Set(world.frameNames());
+    if (!Array.isArray(names) || names.length !== known.size || names.some((name) => !known.has(name)))
+      await loadTree(false);
+  } finally { busy.tree = false; }
 }
 
 // The displayed objects where they were secondsAgo seconds ago, greyed.
@@ -185,7 +191,8 @@ requestAnimationFrame(frame);
 window.kqViewer = Object.freeze({
   state() {
     const objects = {};
-    for (const name of world.displayedNames()) objects[name] = { world: world.worldPosition(name) };
+    world.root.updateMatrixWorld(true);
+    for (const name of world.displayedNames()) objects[name] = { world: world.worldPosition(name, false) };
     return {
       connected: rpc.open && ready,
       frames: world.frameNames(),
@@ -195,5 +202,7 @@ window.kqViewer = Object.freeze({
       drawnAtMs: drawnAt,
     };
   },
+  // Where one frame is drawn in "World": [x, y, z], or null.
+  worldPosition: (name) => world.worldPosition(name),
   select,
 });

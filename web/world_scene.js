@@ -32,6 +32,9 @@ export class WorldScene {
     this.controls = new OrbitControls(this.camera, this.renderer.domElement);
     this.controls.target.set(1, 0, 0.3);
     this.controls.update();
+    // Drawn only when something changed: a still world costs nothing.
+    this.dirty = true;
+    this.controls.addEventListener('change', () => { this.dirty = true; });
     this.scene.add(new THREE.HemisphereLight(0xffffff, 0x444444, 2.0));
     const sun = new THREE.DirectionalLight(0xffffff, 1.5);
     sun.position.set(3, -2, 6);
@@ -62,6 +65,7 @@ export class WorldScene {
       this.labels.setSize(w, h);
       this.camera.aspect = w / Math.max(h, 1);
       this.camera.updateProjectionMatrix();
+      this.dirty = true;
     };
     new ResizeObserver(resize).observe(container);
     resize();
@@ -73,6 +77,7 @@ export class WorldScene {
 
   // Adds the frame or moves it under parent; pose: [[w, x, y, z], [x, y, z]].
   setFrame(name, parent, pose) {
+    this.dirty = true;
     let frame = this.frames.get(name);
     if (!frame) {
       const node = new THREE.Group();
@@ -92,22 +97,31 @@ export class WorldScene {
   setPose(name, [q, t]) {
     const frame = this.frames.get(name);
     if (!frame) return false;
-    frame.node.quaternion.set(q[1], q[2], q[3], q[0]);
-    frame.node.position.set(t[0], t[1], t[2]);
+    const { quaternion, position } = frame.node;
+    if (quaternion.w === q[0] && quaternion.x === q[1] && quaternion.y === q[2] && quaternion.z === q[3] &&
+        position.x === t[0] && position.y === t[1] && position.z === t[2]) return true;
+    quaternion.set(q[1], q[2], q[3], q[0]);
+    position.set(t[0], t[1], t[2]);
+    this.dirty = true;
     return true;
   }
 
   removeFrame(name) {
+    this.dirty = true;
     const frame = this.frames.get(name);
     if (!frame || name === ROOT) return;
     frame.node.removeFromParent();
     this.frames.delete(name);
   }
 
-  setSkeleton(pairs) { this.skeletonFrames = pairs; }
+  setSkeleton(pairs) {
+    this.skeletonFrames = pairs;
+    this.dirty = true;
+  }
 
   // Display attribute row: {colorR, colorG, colorB, scaleX, scaleY, scaleZ, model}.
   setDisplayed(name, display) {
+    this.dirty = true;
     this.removeDisplayed(name);
     const frame = this.frames.get(name);
     if (!frame) return false;
@@ -131,6 +145,7 @@ export class WorldScene {
   }
 
   removeDisplayed(name) {
+    this.dirty = true;
     const drawn = this.meshes.get(name);
     if (!drawn) return;
     drawn.mesh.removeFromParent();
@@ -145,6 +160,7 @@ export class WorldScene {
 
   // Greyed copies at [x, y, z, wx, wy, wz] in "World" (rotation Rz*Ry*Rx).
   setGhosts(poses) {
+    this.dirty = true;
     for (const ghost of [...this.ghosts.children]) ghost.removeFromParent();
     for (const [name, pose] of poses) {
       const drawn = this.meshes.get(name);
@@ -159,21 +175,24 @@ export class WorldScene {
   }
 
   setAxesVisible(visible) {
+    this.dirty = true;
     this.axesVisible = visible;
     for (const frame of this.frames.values()) if (frame.axes) frame.axes.visible = visible;
     this.rootAxes.visible = visible;
   }
 
   setLabelsVisible(visible) {
+    this.dirty = true;
     this.labelsVisible = visible;
     for (const { label } of this.meshes.values()) label.visible = visible;
   }
 
-  // Where the frame is in "World": [x, y, z].
-  worldPosition(name) {
+  // Where the frame is in "World": [x, y, z]; update false when the caller
+  // has just brought the world matrices up to date (many lookups at once).
+  worldPosition(name, update = true) {
     const frame = this.frames.get(name);
     if (!frame) return null;
-    this.root.updateMatrixWorld(true);
+    if (update) this.root.updateMatrixWorld(true);
     const p = new THREE.Vector3().setFromMatrixPosition(frame.node.matrixWorld);
     return [p.x, p.y, p.z];
   }
@@ -190,11 +209,14 @@ export class WorldScene {
   }
 
   highlight(name) {
+    this.dirty = true;
     for (const [object, { mesh }] of this.meshes)
       mesh.material.emissive.setHex(object === name ? 0x444400 : 0x000000);
   }
 
   render() {
+    if (!this.dirty) return;
+    this.dirty = false;
     this.root.updateMatrixWorld(true);
     const points = [];
     for (const [child, parent] of this.skeletonFrames) {
@@ -215,7 +237,6 @@ export class WorldScene {
       position.needsUpdate = true;
       geometry.computeBoundingSphere();
     }
-    this.controls.update();
     this.renderer.render(this.scene, this.camera);
     this.labels.render(this.scene, this.camera);
   }

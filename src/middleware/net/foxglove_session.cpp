@@ -198,11 +198,14 @@ void FoxgloveSession::tick() {
     // Frames stored or cleared since: stores raise no event of their own.
     treeReadBusy_ = true;
     readWorld([known = parents_](KQBroker& broker) {
-      auto frames = foxglove::readFrames(broker, false, known);
-      return [frames = std::move(frames)](FoxgloveSession& self) {
+      std::vector<foxglove::Frame> frames;
+      if (!foxglove::namesChanged(broker, known))
+        return Apply([](FoxgloveSession& self) { self.treeReadBusy_ = false; });
+      frames = foxglove::readFrames(broker, false, known);
+      return Apply([frames = std::move(frames)](FoxgloveSession& self) {
         self.treeReadBusy_ = false;
         self.applyFrames(frames, true);
-      };
+      });
     });
   }
   timer_.expires_after(kRobotPeriod);

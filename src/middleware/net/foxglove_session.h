@@ -6,7 +6,7 @@
 // then the changes: moves (PositionChanged), the robot's frames at
 // kRobotPeriod, objects entering or leaving the display (DisplayRequired),
 // redrawn ones (AttributeChanged of "Display"), and frames that appeared or
-// went (a tree check every kTreePeriod).
+// went (a tree check every kTreeEvery robot periods).
 //
 // Invariants: one write at a time. What waits to be sent is bounded per
 // client: the newest transform of each frame and the newest entity or

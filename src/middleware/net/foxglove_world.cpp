@@ -61,6 +61,15 @@ std::vector<Frame> readFrames(KQBroker& broker, bool robotOnly, const std::map<s
   return frames;
 }
 
+bool namesChanged(KQBroker& broker, const std::map<std::string, std::string>& known) {
+  // One call, where reading the tree takes one per frame.
+  const nlohmann::json names = toJson(broker.getProxy(kWorldModule)->call("getObjectNames"));
+  if (!names.is_array() || names.size() != known.size() + 1) return true;
+  for (const auto& name : names)
+    if (!name.is_string() || (name != kRoot && !known.count(name.get<std::string>()))) return true;
+  return false;
+}
+
 std::vector<std::string> readDisplayList(KQBroker& broker) {
   std::vector<std::string> names;
   const nlohmann::json list = toJson(broker.getProxy("KQMemory")->call("getData", std::string(kDisplayEvent)));

@@ -48,6 +48,8 @@ struct Frame {
 // is listed without reading its pose (posed false): its moves come as events.
 std::vector<Frame> readFrames(KQBroker& broker, bool robotOnly,
                               const std::map<std::string, std::string>& known = {});
+// Whether the world's frames are other than "World" and the keys of known.
+bool namesChanged(KQBroker& broker, const std::map<std::string, std::string>& known);
 // The current display list.
 std::vector<std::string> readDisplayList(KQBroker& broker);
 // The entity of a displayed object from its latest Display attribute
