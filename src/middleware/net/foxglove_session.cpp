@@ -410,7 +410,13 @@ void FoxgloveSession::fillOutgoing() {
 
 void FoxgloveSession::write() {
   if (writing_ || finished_) return;
-  if (outgoing_.empty()) fillOutgoing();
+  // An update for a channel no longer subscribed yields nothing: go on to
+  // the next until something is ready or nothing waits.
+  while (outgoing_.empty() && (!texts_.empty() || !pendingScene_.empty() || !pendingTf_.empty() || dropped_ > 0)) {
+    const bool warningDue = dropped_ > 0 && texts_.empty() && pendingScene_.empty() && pendingTf_.empty();
+    fillOutgoing();
+    if (warningDue && outgoing_.empty()) break;  // the warning waits for its second
+  }
   if (outgoing_.empty()) return;
   writing_ = true;
   ws_.binary(outgoing_.front().first);
