@@ -166,13 +166,17 @@ void HttpSession::onBody(beast::error_code ec) {
 
 void HttpSession::serveStatic(std::string_view path) {
   const auto& request = parser_->get();
+  // A GET that came with a body (never read) ends the connection after the
+  // answer, like any refusal.
+  const bool bodyLeft = !parser_->is_done();
+  // Read here, on the I/O thread: a few small files, from a local folder.
   const auto file = StaticFiles(context_.options.webRoot).find(path);
-  if (!file) return refuse(http::status::not_found, "Not found.", false);
+  if (!file) return refuse(http::status::not_found, "Not found.", bodyLeft);
   auto response = std::make_shared<Response>(http::status::ok, request.version());
   response->set(http::field::content_type, file->contentType);
   response->set(http::field::cache_control, "no-cache");
   response->body() = file->body;
-  response->keep_alive(request.keep_alive());
+  response->keep_alive(request.keep_alive() && !bodyLeft);
   response->prepare_payload();
   send(std::move(response));
 }
