@@ -78,18 +78,82 @@ const char* levelName(int level) {
   }
 }
 
+std::string cutPiece(std::string_view piece) {
+  if (piece.size() <= kMaxPieceBytes) return std::string(piece);
+  std::size_t keep = kMaxPieceBytes;
+  // Not in the middle of a UTF-8 sequence.
+  while (keep > 0 && (static_cast<unsigned char>(piece[keep]) & 0xC0u) == 0x80u) --keep;
+  std::string out(piece.substr(0, keep));
+  out += "...[" + std::to_string(piece.size() - keep) + " bytes cut]";
+  return out;
+}
+
+std::string escapeControls(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  static const char* const kHex = "0123456789abcdef";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (byte < 0x20 || byte == 0x7F) {
+      out += "\\x";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+bool Throttle::admit(const std::string& key, uint64_t* suppressed, std::chrono::steady_clock::time_point now) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = entries_.find(key);
+  if (found == entries_.end()) {
+    if (entries_.size() >= kMaxKeys) {
+      for (auto it = entries_.begin(); it != entries_.end();)
+        if (now - it->second.last >= period_) {
+          it = entries_.erase(it);
+        } else {
+          ++it;
+        }
+      // Still full: every key is busy; one more would be unbounded.
+      if (entries_.size() >= kMaxKeys) return false;
+    }
+    entries_[key].last = now;
+    if (suppressed) *suppressed = 0;
+    return true;
+  }
+  Entry& entry = found->second;
+  if (now - entry.last < period_) {
+    ++entry.suppressed;
+    return false;
+  }
+  if (suppressed) *suppressed = entry.suppressed;
+  entry.suppressed = 0;
+  entry.last = now;
+  return true;
+}
+
 void StderrSink::write(const Record& record) {
   std::string line = formatTime(record.timeSeconds, record.timeMicroseconds, ' ');
   line += ' ';
   line += levelName(record.level);
   line += " [";
-  line += record.category;
+  line += escapeControls(record.category);
   line += "] ";
   if (!record.function.empty()) {
-    line += record.function;
+    line += escapeControls(record.function);
     line += ": ";
   }
-  line += record.message;
+  // Caller text may hold line breaks and terminal escapes: one record, one
+  // line, nothing the terminal acts on.
+  line += escapeControls(record.message);
   line += '\n';
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::fflush(stderr);

@@ -15,6 +15,13 @@
 // records in memory so that tests can assert exact texts. Times are UTC in
 // both text forms, so that lines read the same on every machine.
 //
+// Caller text: every piece streamed into a KO_LOG line other than a string
+// literal (names, values, e.what()) is cut to kMaxPieceBytes with a marker,
+// so that a client's megabyte name makes a short line; StderrSink escapes
+// control characters and DEL (as JsonSink does), so no caller text can
+// forge a line or drive the terminal. Throttle keeps a refusal repeated by
+// one client to one line a second.
+//
 // Threading: every function here is safe to call from any thread. Levels sit
 // behind a reader-writer lock (KO_LOG only reads, on hot paths); a sink's
 // write() is called under the log's own sink mutex, one record at a time. A
@@ -24,12 +31,16 @@
 #ifndef KQ_MIDDLEWARE_LOG_H_
 #define KQ_MIDDLEWARE_LOG_H_
 
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -114,6 +125,38 @@ std::vector<std::shared_ptr<Sink>> getSinks();
 void emit(int level, const std::string& category, const char* file, const char* function, int line,
           const std::string& message);
 
+// Most bytes of one piece of caller text in a line.
+constexpr std::size_t kMaxPieceBytes = 256;
+
+// piece, or its first kMaxPieceBytes bytes followed by "...[N bytes cut]".
+std::string cutPiece(std::string_view piece);
+
+// Control characters and DEL written as \n, \r, \t or \xNN (a backslash
+// itself stays as it is: it cannot break a line).
+std::string escapeControls(std::string_view text);
+
+// Admits one line per key and period; counts the lines it refused since, so
+// that the next admitted line can say how many were left out. Keys seen
+// more than a period ago are forgotten once the table grows past kMaxKeys.
+class Throttle {
+ public:
+  explicit Throttle(std::chrono::milliseconds period = std::chrono::seconds(1)) : period_(period) {}
+  // True when a line for key may be written now; *suppressed then receives
+  // the number of lines refused for key since the last admitted one.
+  bool admit(const std::string& key, uint64_t* suppressed,
+             std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now());
+
+ private:
+  static constexpr std::size_t kMaxKeys = 4096;
+  struct Entry {
+    std::chrono::steady_clock::time_point last;
+    uint64_t suppressed = 0;
+  };
+  std::chrono::milliseconds period_;
+  std::mutex mutex_;
+  std::map<std::string, Entry> entries_;  // guarded by mutex_
+};
+
 // Collects one message; sends it when destroyed.
 class LogStream {
  public:
@@ -121,9 +164,18 @@ class LogStream {
   ~LogStream();
   LogStream(const LogStream&) = delete;
   LogStream& operator=(const LogStream&) = delete;
+  // String literals go in whole; anything else is caller text and is cut.
   template <class T>
   LogStream& operator<<(const T& value) {
-    stream_ << value;
+    if constexpr (std::is_array_v<T>) {
+      stream_ << value;
+    } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      stream_ << cutPiece(std::string_view(value));
+    } else {
+      std::ostringstream piece;
+      piece << value;
+      stream_ << cutPiece(piece.str());
+    }
     return *this;
   }
 

@@ -6,9 +6,11 @@
 #include <signal.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +21,7 @@
 #include <iostream>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -28,6 +31,7 @@
 #include "middleware/modules/default_robot.h"
 #include "middleware/modules/memory_module.h"
 #include "middleware/modules/motion_module.h"
+#include "middleware/modules/redis_memory_store.h"
 #include "middleware/modules/robot_model.h"
 #include "middleware/net/remote_proxy.h"
 #include "middleware/net/rpc_client.h"
@@ -47,6 +51,8 @@ struct ProcessOptions {
   unsigned short port = 9480;
   std::string dataDir;  // empty: the user data folder
   std::string parentUrl;
+  std::string memoryUrl;  // empty: KQMemory in this process
+  std::string memoryPrefix = "kq:";
   std::string robotFile;  // empty: the built-in description
   std::string torsoLink = "Torso";
   std::optional<int> logLevel;
@@ -54,6 +60,7 @@ struct ProcessOptions {
   std::optional<std::string> token;
   std::string tokenFile;
   std::size_t maxMessageBytes = 1 << 20;
+  KQ::net::RpcServerOptions server;  // the budgets of the network front
   int sqlTimeoutMs = 2000;
   std::string webRoot;  // empty: KQ_WEB_ROOT, else the sources' web/ folder
   bool help = false;
@@ -87,6 +94,12 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "                       ~/.local/share/kq/" << component << ")\n"
       << "  --parent URL         use KQMemory and KQMotion of the broker at URL (for\n"
       << "                       example http://127.0.0.1:9480) when it hosts them\n"
+      << "  --memory URL         keep KQMemory's values and events in Redis at URL,\n"
+      << "                       shared with every service using it:\n"
+      << "                       redis://HOST:PORT[/DB] or unix:///PATH[?db=N]\n"
+      << "                       (default: in this process)\n"
+      << "  --memory-prefix TEXT put every Redis key and stream of --memory under TEXT\n"
+      << "                       (default kq:)\n"
       << "  --robot FILE         URDF robot description driven by the simulated KQMotion\n"
       << "                       (default: " << KQ::kDefaultRobotSource << ")\n"
       << "  --torso-link NAME    link of the description that is the robot's torso\n"
@@ -99,6 +112,23 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "  --token-file FILE    read the token from the first line of FILE\n"
       << "  --max-message BYTES  largest request accepted, and most bytes of values one\n"
       << "                       select may return (default 1048576)\n"
+      << "  --max-header BYTES   most bytes of one request's header, and apart of a\n"
+      << "                       chunked body's extensions and trailer (default 16384)\n"
+      << "  --request-timeout S  a request must arrive whole within S seconds of its\n"
+      << "                       first byte (default 10)\n"
+      << "  --max-connections N  open connections; past them a new one is answered 503\n"
+      << "                       and closed (default 512)\n"
+      << "  --max-calls N        calls queued or running across all connections; past\n"
+      << "                       them a call is answered busy (default 256)\n"
+      << "  --max-queued-bytes BYTES  bytes of calls waiting to run across all clients,\n"
+      << "                       and apart bytes waiting to be sent to all WebSocket\n"
+      << "                       clients; a client past its share is closed (default\n"
+      << "                       67108864)\n"
+      << "  --max-reply BYTES    most bytes of one reply, a batch included; a call that\n"
+      << "                       does not fit is answered -32000 \"reply too large\"\n"
+      << "                       (default 16777216)\n"
+      << "  --max-subscriptions N  subscriptions of one WebSocket connection (default\n"
+      << "                       1024)\n"
       << "  --sql-timeout-ms MS  deadline of a statement holding caller text (select,\n"
       << "                       update, delete conditions; default 2000)\n"
       << "  --web-root DIR       folder of the viewer served at GET / (default KQ_WEB_ROOT,\n"
@@ -161,6 +191,16 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (options.dataDir.empty()) bad("Option --data-dir needs a folder");
     } else if (name == "--parent") {
       options.parentUrl = value();
+    } else if (name == "--memory") {
+      options.memoryUrl = value();
+      if (options.memoryUrl.empty()) bad("Option --memory needs a URL");
+      try {
+        KQ::parseRedisUrl(options.memoryUrl);
+      } catch (const std::invalid_argument& e) {
+        bad(std::string("Option --memory: ") + e.what());
+      }
+    } else if (name == "--memory-prefix") {
+      options.memoryPrefix = value();
     } else if (name == "--robot") {
       options.robotFile = value();
       if (options.robotFile.empty()) bad("Option --robot needs a file");
@@ -183,6 +223,24 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (!parseUnsigned(text, 1ull << 40, number) || number == 0)
         bad("Option --max-message needs a positive number of bytes, not " + text);
       options.maxMessageBytes = static_cast<std::size_t>(number);
+    } else if (name == "--max-header" || name == "--max-queued-bytes" || name == "--max-reply") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 1ull << 40, number) || number == 0)
+        bad("Option " + name + " needs a positive number of bytes, not " + text);
+      std::size_t& field = name == "--max-header"         ? options.server.maxHeaderBytes
+                           : name == "--max-queued-bytes" ? options.server.maxQueuedBytes
+                                                          : options.server.maxReplyBytes;
+      field = static_cast<std::size_t>(number);
+    } else if (name == "--request-timeout" || name == "--max-connections" || name == "--max-calls" ||
+               name == "--max-subscriptions") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 1000000, number) || (number == 0 && name != "--max-subscriptions"))
+        bad("Option " + name + " needs a positive number up to 1000000, not " + text);
+      int& field = name == "--request-timeout"   ? options.server.requestTimeoutSeconds
+                   : name == "--max-connections" ? options.server.maxConnections
+                   : name == "--max-calls"       ? options.server.maxCalls
+                                                 : options.server.maxSubscriptions;
+      field = static_cast<int>(number);
     } else if (name == "--sql-timeout-ms") {
       const std::string text = value();
       if (!parseUnsigned(text, 3600000, number) || number == 0)
@@ -224,6 +282,23 @@ std::string resolveToken(const std::string& processName, const ProcessOptions& o
   }
   const char* fromEnvironment = std::getenv("KQ_TOKEN");
   return fromEnvironment ? std::string(fromEnvironment) : std::string();
+}
+
+// The connections allowed, and room for the databases, the log and the
+// listener: raised up to the hard limit, logged when that is too low.
+void raiseOpenFileLimit(int maxConnections) {
+  const rlim_t needed = static_cast<rlim_t>(maxConnections) + 256;
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= needed) return;
+  const rlim_t wanted = limit.rlim_max == RLIM_INFINITY ? needed : std::min(needed, limit.rlim_max);
+  if (wanted > limit.rlim_cur) {
+    limit.rlim_cur = wanted;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  if (wanted >= needed) return;
+  KO_LOG(ko::log::warning, "KQRpcServer", "", "raiseOpenFileLimit", 0)
+      << "The open-file limit " << wanted << " is below the " << needed << " that " << maxConnections
+      << " connections need; past it new connections wait.";
 }
 
 bool isLoopback(const sockaddr* address) {
@@ -401,6 +476,16 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
       needMotion = needMotion && name != KQ::KQMotionModule::kModuleName;
     }
   }
+  // A memory of our own in Redis wins over the parent's.
+  std::shared_ptr<KQ::KQMemoryStore> memoryStore;
+  if (!options.memoryUrl.empty()) {
+    needMemory = true;
+    try {
+      memoryStore = std::make_shared<KQ::RedisMemoryStore>(options.memoryUrl, options.memoryPrefix);
+    } catch (const std::exception& e) {
+      failStart(processName, e.what(), kStartStatus);
+    }
+  }
   std::optional<KQ::RobotModel> robot;
   if (needMotion) robot.emplace(loadRobot(processName, options));
 
@@ -413,7 +498,11 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   std::shared_ptr<KQ::KQMemoryModule> memory;
   std::shared_ptr<KQ::KQMotionModule> motion;
   try {
-    if (needMemory) memory = KQ::KQModule::createModule<KQ::KQMemoryModule>(broker, KQ::KQMemoryModule::kModuleName);
+    if (needMemory) {
+      memory = std::make_shared<KQ::KQMemoryModule>(broker, KQ::KQMemoryModule::kModuleName, memoryStore);
+      memory->initModule();
+      memory->init();
+    }
     if (needMotion) {
       motion = std::make_shared<KQ::KQMotionModule>(broker, KQ::KQMotionModule::kModuleName, std::move(*robot));
       motion->initModule();
@@ -424,7 +513,8 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
     failAfterStart(processName, broker, std::string("Cannot start the modules: ") + e.what());
   }
 
-  KQ::net::RpcServerOptions serverOptions;
+  raiseOpenFileLimit(options.server.maxConnections);
+  KQ::net::RpcServerOptions serverOptions = options.server;
   serverOptions.host = options.host;
   serverOptions.port = options.port;
   serverOptions.token = token;
@@ -440,7 +530,8 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
       << "Listening on " << options.host << ":" << server.port()
       << " (HTTP POST /rpc, WebSocket /ws and /foxglove, viewer at http://" << options.host << ":" << server.port()
       << "/), data in "
-      << dataFolder << (options.parentUrl.empty() ? std::string() : ", parent " + options.parentUrl);
+      << dataFolder << (options.parentUrl.empty() ? std::string() : ", parent " + options.parentUrl)
+      << (options.memoryUrl.empty() ? std::string() : ", memory " + options.memoryUrl + " under " + options.memoryPrefix);
 
   int signal = 0;
   while (sigwait(&stopSignals, &signal) != 0) {

@@ -1,6 +1,13 @@
 // Bytes -> JSON -> values -> dispatch, through a broker that hosts the real
 // KQMemory and a module of argument kinds: nothing a client sends may crash,
-// hang or leak.
+// hang or leak. An input that opens like an HTTP request ("GET ", "POST ")
+// goes instead, as raw bytes, to a real server on loopback (headers, chunked
+// framing, upgrades), read back until the server closes or goes quiet.
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -9,6 +16,7 @@
 #include "middleware/module.h"
 #include "middleware/modules/memory_module.h"
 #include "middleware/net/rpc_dispatcher.h"
+#include "middleware/net/rpc_server.h"
 
 namespace {
 
@@ -38,19 +46,61 @@ class FuzzModule : public KQ::KQModule {
   }
 };
 
-const KQ::net::RpcDispatcher& dispatcher() {
-  static const auto* instance = [] {
-    auto broker = std::make_shared<KQ::KQBroker>("fuzz");
-    KQ::KQModule::createModule<KQ::KQMemoryModule>(broker, KQ::KQMemoryModule::kModuleName);
-    KQ::KQModule::createModule<FuzzModule>(broker, "Fuzz");
-    return new KQ::net::RpcDispatcher(broker);
+std::shared_ptr<KQ::KQBroker> fuzzBroker() {
+  static const auto broker = [] {
+    auto made = std::make_shared<KQ::KQBroker>("fuzz");
+    KQ::KQModule::createModule<KQ::KQMemoryModule>(made, KQ::KQMemoryModule::kModuleName);
+    KQ::KQModule::createModule<FuzzModule>(made, "Fuzz");
+    return made;
   }();
+  return broker;
+}
+
+const KQ::net::RpcDispatcher& dispatcher() {
+  static const auto* instance = new KQ::net::RpcDispatcher(fuzzBroker());
   return *instance;
+}
+
+// Small limits, so that the fuzzer reaches them; never stopped.
+unsigned short serverPort() {
+  static const unsigned short port = [] {
+    KQ::net::RpcServerOptions options;
+    options.port = 0;
+    options.maxMessageBytes = 4096;
+    options.maxHeaderBytes = 1024;
+    options.requestTimeoutSeconds = 1;
+    auto* server = new KQ::net::RpcServer(fuzzBroker(), options);
+    server->start();
+    return server->port();
+  }();
+  return port;
+}
+
+void sendRaw(std::string_view bytes) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0) return;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(serverPort());
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  timeval quiet{0, 50000};  // a server that says nothing for 50 ms is waiting for more
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &quiet, sizeof(quiet));
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+    ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ::shutdown(fd, SHUT_WR);
+    char buffer[65536];
+    while (::recv(fd, buffer, sizeof(buffer), 0) > 0) continue;
+  }
+  ::close(fd);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  dispatcher().handle(std::string_view(reinterpret_cast<const char*>(data), size), nullptr);
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  if (bytes.rfind("GET ", 0) == 0 || bytes.rfind("POST ", 0) == 0)
+    sendRaw(bytes);
+  else
+    dispatcher().handle(bytes, nullptr);
   return 0;
 }

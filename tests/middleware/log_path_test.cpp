@@ -91,8 +91,13 @@ TEST(LogTest, StderrAndJsonLineShapes) {
   KO_LOG(warning, "KQWorld", "", "storeObject", 0) << "Object " << KQ::KQValue("cup") << " exists.";
   // Case: without a function there is no empty "function: " piece.
   emit(error, "KQMotion", "", "", 0, "no transform");
+  // Case: caller text cannot forge a line nor drive the terminal, and is cut to 256 bytes (literals are not).
+  KO_LOG(error, "KQWorld", "", "getObjectCategory", 0) << "No " << std::string("zz\n2026 error\x1b[31m\x7f") << " or "
+                                                        << std::string(300, 'n');
   EXPECT_EQ("2023-11-14 22:13:20.000042 warning [KQWorld] storeObject: Object \"cup\" exists.\n"
-            "2023-11-14 22:13:20.000042 error [KQMotion] no transform\n",
+            "2023-11-14 22:13:20.000042 error [KQMotion] no transform\n"
+            "2023-11-14 22:13:20.000042 error [KQWorld] getObjectCategory: No zz\\n2026 error\\x1b[31m\\x7f or " +
+                std::string(256, 'n') + "...[44 bytes cut]\n",
             ::testing::internal::GetCapturedStderr());
 
   // Case: quotes, backslashes and newlines are escaped so one record stays one line; bytes that are not UTF-8 become
@@ -104,6 +109,18 @@ TEST(LogTest, StderrAndJsonLineShapes) {
       "\"function\":\"xQuery\",\"message\":\"near \\\"WHERE\\\":\\nsyntax \\\\ \xef\xbf\xbd\"}\n",
       json.str());
   setSinks({capture.sink()});
+}
+
+TEST(LogTest, ARepeatedRefusalIsAdmittedOnceASecondWithItsCount) {
+  Throttle throttle;
+  const auto t0 = std::chrono::steady_clock::time_point{} + std::chrono::hours(1);
+  uint64_t left = 99;
+  EXPECT_TRUE(throttle.admit("a", &left, t0) && left == 0);
+  EXPECT_FALSE(throttle.admit("a", &left, t0 + std::chrono::milliseconds(500)) ||
+               throttle.admit("a", &left, t0 + std::chrono::milliseconds(900)));
+  EXPECT_TRUE(throttle.admit("b", &left, t0 + std::chrono::milliseconds(900)));  // another client
+  EXPECT_TRUE(throttle.admit("a", &left, t0 + std::chrono::milliseconds(1100)));
+  EXPECT_EQ(left, 2u);
 }
 
 TEST(LogTest, SinksThatFailOrLogCannotHurtTheCaller) {

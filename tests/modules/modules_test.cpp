@@ -65,13 +65,18 @@ TEST_F(MemoryModuleTest, SubscribersRunOutsideTheLockAndOneFailureSparesTheOther
     seen.push_back(event + "=" + memory_->getData("Ping").toText() + "/" + value.toText());
   });
   proxy->subscribe("Ping", [](const std::string&, const KQValue&) { throw std::runtime_error("viewer crashed"); });
-  proxy->subscribe("Other", [&](const std::string&, const KQValue&) { seen.push_back("wrong event"); });
+  const uint64_t other =
+      proxy->subscribe("Other", [&](const std::string&, const KQValue&) { seen.push_back("wrong event"); });
   memory_->raiseEvent("Ping", KQValue(7));
   // Case: after unsubscribing (twice is harmless), a callback is not called again.
   proxy->unsubscribe(reader);
   proxy->unsubscribe(reader);
   memory_->raiseEvent("Ping", KQValue(8));
-  EXPECT_EQ(seen, Names{"Ping=7/7"});
+  // Case: an event whose last subscriber left takes new ones (subscriptions are filed by event name).
+  proxy->unsubscribe(other);
+  proxy->subscribe("Other", [&](const std::string& event, const KQValue&) { seen.push_back(event); });
+  memory_->raiseEvent("Other", KQValue(1));
+  EXPECT_EQ(seen, (Names{"Ping=7/7", "Other"}));
   EXPECT_EQ(log.lines(), (Names(2, "warning KQMemory raiseEvent: A subscriber of Ping failed: viewer crashed")));
 }
 

@@ -81,8 +81,9 @@ TEST(JsonCodecTest, DepthIsMeasuredBeforeAnythingIsBuiltAndBrokenTextRefused) {
       // A deep text that never closes is refused for its depth, not read to the end (10 MB of "[" cost 65 steps).
       {std::string(10 << 20, '['), deep},
       {quoted, ok},  // brackets inside strings, escaped quotes included, do not count
-      // Broken text is a syntax error; so is text that is not UTF-8, and a number beyond even a double.
-      {"", broken}, {"[1,]", broken}, {"\"\xff\"", broken}, {"-1e999", broken}};
+      // Broken text is a syntax error; so is text that is not UTF-8. A number beyond even a double is read (as an
+      // infinity) so that it is refused as an argument, with the request's id.
+      {"", broken}, {"[1,]", broken}, {"\"\xff\"", broken}, {"-1e999", ok}, {"[1e999,]", broken}};
   json document;
   for (const auto& [text, outcome] : cases) EXPECT_EQ(parseJson(text, document), outcome) << text.substr(0, 80);
   // Case: objects count like arrays; closing more than was opened makes no room for more.

@@ -41,7 +41,9 @@ class NetTestModule : public KQModule {
     bind("failOddly", "Throws something that is not a KQError.", &NetTestModule::failOddly);
     bind("hold", "Waits until the test opens the gate.", &NetTestModule::hold);
     bind("ping", "Answers pong.", &NetTestModule::ping);
+    bind("times", "Product of two floats (infinite past the float range).", &NetTestModule::times);
   }
+  float times(float a, float b) { return a * b; }
   int add(int a, int b) { return a + b; }
   KQValue echo(const KQValue& value) { return value; }
   void fail(const std::string& message) { throw KQError(getName(), "fail", message); }

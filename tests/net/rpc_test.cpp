@@ -49,6 +49,11 @@ TEST_F(RpcOverHttpTest, EveryRequestGetsItsReplyOrItsCodeAndMessage) {
       {R"({"method":"NetTest.ping","id":1})", error(-32600, R"(Invalid Request: "jsonrpc" must be "2.0")")},
       {call("NetTest.ping", "", "\"a-1\""), R"({"id":"a-1","jsonrpc":"2.0","result":"pong"})"},
       {call("NetTest.ping", "", "[1]"), error(-32600, R"(Invalid Request: "id" must be a string, a number or null)", nullptr)},
+      // Ids are echoed as sent, or refused when they cannot be.
+      {call("NetTest.ping", "", "18446744073709551615"), R"({"id":18446744073709551615,"jsonrpc":"2.0","result":"pong"})"},
+      {call("NetTest.ping", "", "18446744073709551616"), error(-32600, R"(Invalid Request: "id" does not fit in 64 bits)", nullptr)},
+      {call("NetTest.echo", "[1e400]", "7"), error(-32602, "NetTest.echo: argument 1: a number does not fit in a float", 7)},
+      {call("NetTest.times", "[3e38,10.0]"), error(-32000, "NetTest.times: the result holds a number that is not finite")},
       {call("NetTest.ping", "\"x\""), error(-32600, R"(Invalid Request: "params" must be an array)")},
       // Depth is judged before syntax (its limit is json_codec_test's).
       {std::string(50000, '['), error(-32600, "Invalid Request: nested deeper than 64 levels", nullptr)},
@@ -125,6 +130,44 @@ TEST_F(RpcOverHttpTest, RefusesWhatIsNotAnAllowedJsonRpcPost) {
     EXPECT_EQ(answer.status, c.status) << c.url << " " << (c.body ? c.body->size() : 0) << " " << answer.body;
     EXPECT_TRUE(c.reply.empty() || answer.body == c.reply) << answer.body;
   }
+}
+
+TEST_F(RpcOverHttpTest, HostileRequestsEndWithinTheirBounds) {
+  net::RpcServerOptions options;
+  options.requestTimeoutSeconds = 1;
+  options.maxReplyBytes = 100;
+  restartServer(options);
+  const std::string upgrade = "GET /ws HTTP/1.1\r\nHost: x\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
+                              "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
+  const std::string chunked = "POST /rpc HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+                              "Transfer-Encoding: chunked\r\n\r\n";
+  std::string fields, trailer;
+  for (int i = 0; i < 8000; ++i) fields += "X-" + std::to_string(i) + ": y\r\n", trailer += "T: y\r\n";  // 80 KB
+  const std::pair<std::string, std::string> cases[] = {
+      {upgrade + "Content-Length: 100000000000\r\n\r\n", "b'HTTP/1.1 400 Bad Request"},
+      {upgrade + "Transfer-Encoding: chunked\r\n\r\n", "b'HTTP/1.1 400 Bad Request"},
+      {"GET /rpc HTTP/1.1\r\nHost: x\r\n" + fields + "\r\n", "b'HTTP/1.1 431 Request Header Fields Too Large"},
+      {chunked + "1;" + std::string(100000, 'a'), "b'HTTP/1.1 400 Bad Request"},  // an endless chunk extension
+      {chunked + "1\r\n{\r\n0\r\n" + trailer, "b'HTTP/1.1 400 Bad Request"},
+      {"POST /rpc HTTP/1.0\r\nContent-Type: application/json\r\nExpect: 100-continue\r\nContent-Length: " +
+           std::to_string(kPing.size()) + "\r\n\r\n" + kPing,
+       "b'HTTP/1.0 200 OK"},  // no 100 Continue first
+      {"POST /rpc HTTP/1.0\r\nContent-Type: application/json\r\nContent-Length: 0\r\n\r\n", "b'HTTP/1.0 200 OK"},
+  };
+  for (const auto& [request, answer] : cases)
+    EXPECT_EQ(wsClient({"raw:" + request}).rfind(answer, 0), 0u) << request.substr(0, 200);
+
+  // Case: a request trickled byte by byte ends at its deadline; so does the linger after a refusal.
+  const std::string trickled =
+      wsClient({"trickle:POST /rpc HTTP/1.1\r\nHost: x\r\n", "trickle:GET /nope HTTP/1.1\r\nHost: x\r\n\r\n"});
+  int header = -1, linger = -1;  // seconds; the script gives up after 30
+  std::sscanf(trickled.c_str(), "closed after %d s\nclosed after %d s", &header, &linger);
+  EXPECT_TRUE(header >= 1 && header < 5 && linger >= 2 && linger < 6) << trickled;
+
+  // Case: each call of a batch that no longer fits the reply is answered "reply too large".
+  const std::string echo = R"({"jsonrpc":"2.0","method":"NetTest.echo","params":[")" + std::string(30, 'x') + "\"],\"id\":";
+  EXPECT_EQ(post("[" + echo + "1}," + echo + "2}]"), R"([{"id":1,"jsonrpc":"2.0","result":")" + std::string(30, 'x') +
+                                                       "\"}," + error(-32000, "reply too large", 2) + "]");
 }
 
 TEST_F(RpcOverHttpTest, OneConnectionCarriesManyCalls) {
@@ -207,7 +250,36 @@ TEST_F(WebSocketSessionTest, ASubscriberThatStopsReadingIsCutOff) {
   module_->openGate();
   client.join();
   EXPECT_EQ(out, "{\"id\":0,\"jsonrpc\":\"2.0\",\"result\":true}\n{\"id\":1,\"jsonrpc\":\"2.0\",\"result\":1}\n"
-                 "closed None\n");
+                 "closed 1008\n");
+}
+
+TEST_F(WebSocketSessionTest, CallsThatTakeNoLockAnswerWhileEveryWorkerWaits) {
+  net::RpcServerOptions options;
+  options.workerThreads = 64;
+  options.maxCalls = 65;
+  options.maxSubscriptions = 1;
+  options.lockFreeMethods = {"NetTest.ping"};
+  restartServer(options);
+  std::vector<std::string> steps(64, send("NetTest.hold", ""));
+  steps.insert(steps.end(), 64, "recv");
+  std::thread holders([&] { wsClient(steps); });
+  EXPECT_TRUE(module_->waitHolding(64));
+  // A liveness bound, generous for a busy machine: before the lane, the ping waited for the gate (for ever here).
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(post(kPing), R"({"id":1,"jsonrpc":"2.0","result":"pong"})");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_EQ(post(call("broker.modules", "")), R"({"id":1,"jsonrpc":"2.0","result":["KQMemory","NetTest"]})");
+  // Case: the 66th call is refused while 65 are under way (the 65th waits for a worker); a second subscription of
+  // one connection too.
+  std::thread oneMore([&] { post(kHold); });
+  HttpAnswer busy;
+  for (int i = 0; i < 200 && busy.status != 503; ++i) busy = curl(rpcUrl(), &kPing);
+  EXPECT_EQ(std::make_pair(busy.status, busy.body), std::make_pair(503, std::string("Too many calls under way; try again.\n")));
+  module_->openGate();
+  oneMore.join();
+  holders.join();
+  const std::string out = wsClient({send("subscribe", R"(["A"])"), "recv", send("subscribe", R"(["B"])"), "recv"});
+  EXPECT_NE(out.find("at most 1 subscriptions"), std::string::npos) << out;
 }
 
 TEST_F(WebSocketSessionTest, SilentPeersAndOversizedMessagesAreClosed) {

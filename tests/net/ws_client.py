@@ -1,11 +1,13 @@
-"""ws_client.py WS_URL STEP...: steps in order; the WebSocket connects when first needed.
-send:TEXT; recv (print the next message); closed (read until closed, print "closed CODE", or "still open"
-after 30 s of silence); abort (drop TCP without a close handshake, stop); post:TEXT (POST to /rpc, print
-the reply, reading nothing else meanwhile); raw:TEXT (new TCP connection, print repr() of all it gets)."""
+"""ws_client.py WS_URL STEP...: steps in order; the WebSocket connects when first needed. send:TEXT; recv (print the
+next message); closed (read until closed, print "closed CODE", or "still open" after 30 s of silence); abort (drop TCP
+without a close handshake, stop); post:TEXT (POST to /rpc, print the reply, reading nothing else meanwhile); raw:TEXT
+(new TCP connection, print repr() of all it gets); trickle:TEXT (new TCP connection: TEXT, then a byte every 0.5 s;
+print "closed after N s", whole seconds)."""
 import asyncio
 import http.client
 import socket
 import sys
+import time
 import urllib.parse
 
 import websockets
@@ -18,8 +20,26 @@ async def main(url, steps):
         kind, _, text = step.partition(":")
         if kind == "raw":
             with socket.create_connection((where.hostname, where.port), timeout=60) as raw:
-                raw.sendall(text.encode())
-                print(repr(b"".join(iter(lambda: raw.recv(65536), b""))))
+                got = []
+                try:  # a server that refuses may reset the connection once it has answered
+                    raw.sendall(text.encode())
+                    got.extend(iter(lambda: raw.recv(65536), b""))
+                except ConnectionResetError:
+                    pass
+                print(repr(b"".join(got)))
+        elif kind == "trickle":
+            with socket.create_connection((where.hostname, where.port), timeout=0.5) as raw:
+                start = time.monotonic()
+                try:  # the end of the server's sending is no close: the byte that is reset is
+                    raw.sendall(text.encode())
+                    while time.monotonic() - start < 30:
+                        try:
+                            raw.recv(65536) or time.sleep(0.5) or raw.sendall(b"x")
+                        except socket.timeout:
+                            raw.sendall(b"x")
+                except OSError:
+                    pass
+                print("closed after %d s" % (time.monotonic() - start))
         elif kind == "post":
             connection = http.client.HTTPConnection(where.hostname, where.port, timeout=120)
             connection.request("POST", "/rpc", body=text, headers={"Content-Type": "application/json"})

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "middleware/error.h"
@@ -9,8 +10,9 @@
 
 namespace KQ {
 
-KQMemoryModule::KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name)
-    : KQModule(std::move(broker), name) {
+KQMemoryModule::KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name,
+                               std::shared_ptr<KQMemoryStore> store)
+    : KQModule(std::move(broker), name), store_(std::move(store)) {
   functionName("insertData", getName(), "Store a value under a key, replacing the previous one.");
   advertiseMethod(&KQMemoryModule::insertData);
   functionName("getData", getName(), "Get the value stored under a key.");
@@ -25,23 +27,46 @@ KQMemoryModule::KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::stri
   advertiseMethod(&KQMemoryModule::raiseEvent);
   functionName("getEventList", getName(), "Get the declared events.");
   advertiseMethod(&KQMemoryModule::getEventList);
+  if (store_) store_->startDelivery([this](const std::string& event, const KQValue& value) {
+    notifySubscribers(event, value);
+  });
 }
 
-KQMemoryModule::~KQMemoryModule() = default;
+// The store's delivery thread is stopped before the subscription table goes.
+KQMemoryModule::~KQMemoryModule() {
+  if (store_) store_->stopDelivery();
+}
+
+template <class Operation>
+auto KQMemoryModule::inStore(const char* method, Operation operation) -> decltype(operation()) {
+  try {
+    return operation();
+  } catch (const KQMemoryStoreError& e) {
+    throw KQError(getName(), method, e.what(), "", 0);
+  }
+}
 
 void KQMemoryModule::insertData(const std::string& key, const KQValue& value) {
+  if (store_) return inStore("insertData", [&] { store_->insertData(key, value); });
   std::lock_guard<std::mutex> lock(mutex_);
   data_[key] = value;
 }
 
 KQValue KQMemoryModule::getData(const std::string& key) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto found = data_.find(key);
-  if (found == data_.end()) throw KQError(getName(), "getData", "There is no data under key " + key + ".", "", 0);
-  return found->second;
+  std::optional<KQValue> value;
+  if (store_) {
+    value = inStore("getData", [&] { return store_->getData(key); });
+  } else {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = data_.find(key);
+    if (found != data_.end()) value = found->second;
+  }
+  if (!value) throw KQError(getName(), "getData", "There is no data under key " + key + ".", "", 0);
+  return *value;
 }
 
 std::vector<std::string> KQMemoryModule::getDataList(const std::string& filter) {
+  if (store_) return inStore("getDataList", [&] { return store_->getDataList(filter); });
   std::lock_guard<std::mutex> lock(mutex_);
   std::vector<std::string> keys;
   for (const auto& entry : data_) {
@@ -51,11 +76,13 @@ std::vector<std::string> KQMemoryModule::getDataList(const std::string& filter) 
 }
 
 void KQMemoryModule::removeData(const std::string& key) {
+  if (store_) return inStore("removeData", [&] { store_->removeData(key); });
   std::lock_guard<std::mutex> lock(mutex_);
   data_.erase(key);
 }
 
 void KQMemoryModule::declareEvent(const std::string& name) {
+  if (store_) return inStore("declareEvent", [&] { store_->declareEvent(name); });
   std::lock_guard<std::mutex> lock(mutex_);
   xDeclareEvent(name);
 }
@@ -65,13 +92,24 @@ void KQMemoryModule::xDeclareEvent(const std::string& name) {
 }
 
 void KQMemoryModule::raiseEvent(const std::string& name, const KQValue& value) {
-  std::vector<std::shared_ptr<Subscription>> receivers;
+  // With a store, its delivery thread brings the raise back to our subscribers.
+  if (store_) return inStore("raiseEvent", [&] { store_->raiseEvent(name, value); });
   {
     std::lock_guard<std::mutex> lock(mutex_);
     xDeclareEvent(name);
     data_[name] = value;
-    for (const auto& entry : subscriptions_) {
-      if (entry.second->event == name) receivers.push_back(entry.second);
+  }
+  notifySubscribers(name, value);
+}
+
+void KQMemoryModule::notifySubscribers(const std::string& name, const KQValue& value) {
+  std::vector<std::shared_ptr<Subscription>> receivers;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = subscriptionsByEvent_.find(name);
+    if (found != subscriptionsByEvent_.end()) {
+      receivers.reserve(found->second.size());
+      for (const auto& entry : found->second) receivers.push_back(entry.second);
     }
   }
   // Outside mutex_: a callback may read the value back or raise another event.
@@ -106,6 +144,7 @@ void KQMemoryModule::deliver(Subscription& subscription, const std::string& name
 }
 
 std::vector<std::string> KQMemoryModule::getEventList() {
+  if (store_) return inStore("getEventList", [&] { return store_->getEventList(); });
   std::lock_guard<std::mutex> lock(mutex_);
   return events_;
 }
@@ -116,7 +155,8 @@ uint64_t KQMemoryModule::subscribeEvent(const std::string& event, KQEventCallbac
   subscription->callback = std::move(callback);
   std::lock_guard<std::mutex> lock(mutex_);
   const uint64_t id = nextSubscriptionId_++;
-  subscriptions_[id] = std::move(subscription);
+  subscriptionsByEvent_[event][id] = std::move(subscription);
+  eventOfSubscription_[id] = event;
   return id;
 }
 
@@ -124,10 +164,14 @@ void KQMemoryModule::unsubscribeEvent(uint64_t id) {
   std::shared_ptr<Subscription> subscription;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto found = subscriptions_.find(id);
-    if (found == subscriptions_.end()) return;
+    const auto event = eventOfSubscription_.find(id);
+    if (event == eventOfSubscription_.end()) return;
+    auto& ofEvent = subscriptionsByEvent_[event->second];
+    const auto found = ofEvent.find(id);
     subscription = found->second;
-    subscriptions_.erase(found);
+    ofEvent.erase(found);
+    if (ofEvent.empty()) subscriptionsByEvent_.erase(event->second);
+    eventOfSubscription_.erase(event);
   }
   // Waits for calls running on other threads; a callback that unsubscribes
   // itself does not wait for its own call.

@@ -14,6 +14,16 @@
 // thread and never runs again; so a subscriber must not hold, while it
 // unsubscribes, a lock its own callback takes.
 //
+// Store: given a KQMemoryStore (--memory, RedisMemoryStore), the values and
+// events live there, shared with every process using the same store; a
+// raise then reaches this module's subscribers from the store's delivery
+// thread (once, in the raiser's order), not from the raising thread. A
+// store's failure is a KQError of the method called, with the store's text
+// ("memory store unavailable: ...").
+//
+// Subscriptions are filed by event name: a raise costs in proportion to its
+// own event's subscribers, not to all of them.
+//
 // Threading: every member is safe from any thread; mutex_ guards the data,
 // the events and the subscription table.
 #ifndef KQ_MIDDLEWARE_MODULES_MEMORY_MODULE_H_
@@ -29,6 +39,7 @@
 #include <vector>
 
 #include "middleware/module.h"
+#include "middleware/modules/memory_store.h"
 #include "middleware/proxy.h"
 #include "middleware/value.h"
 
@@ -40,7 +51,9 @@ class KQMemoryModule : public KQModule, public KQEventSource {
  public:
   static constexpr const char* kModuleName = "KQMemory";
 
-  KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name);
+  // Without a store the values and events are kept in this process.
+  KQMemoryModule(std::shared_ptr<KQBroker> broker, const std::string& name,
+                 std::shared_ptr<KQMemoryStore> store = nullptr);
   ~KQMemoryModule() override;
 
   // Remotely callable. Virtual so that a module built on this one (a test's
@@ -74,14 +87,27 @@ class KQMemoryModule : public KQModule, public KQEventSource {
   // no lock.
   void deliver(Subscription& subscription, const std::string& name, const KQValue& value);
 
+  // Hands a raise to this module's subscribers of the event. Caller holds
+  // no lock.
+  void notifySubscribers(const std::string& name, const KQValue& value);
+
+  // Runs one operation of the store, turning its failure into a KQError of
+  // `method`.
+  template <class Operation>
+  auto inStore(const char* method, Operation operation) -> decltype(operation());
+
   // Adds the name to the event list when absent. Caller holds mutex_.
   void xDeclareEvent(const std::string& name);
 
   std::mutex mutex_;
   std::map<std::string, KQValue> data_;
   std::vector<std::string> events_;
-  std::map<uint64_t, std::shared_ptr<Subscription>> subscriptions_;
+  // event -> id -> subscriber, and id -> event to find it again.
+  std::map<std::string, std::map<uint64_t, std::shared_ptr<Subscription>>> subscriptionsByEvent_;
+  std::map<uint64_t, std::string> eventOfSubscription_;
   uint64_t nextSubscriptionId_ = 1;
+  // Null: in-process. Set once at construction.
+  const std::shared_ptr<KQMemoryStore> store_;
 };
 
 }  // namespace KQ

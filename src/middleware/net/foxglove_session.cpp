@@ -60,8 +60,11 @@ const std::string& FoxgloveSession::processSessionId() {
   return id;
 }
 
-FoxgloveSession::FoxgloveSession(beast::tcp_stream&& stream, ServerContext& context)
-    : ws_(std::move(stream)), context_(context), timer_(ws_.get_executor()) {}
+FoxgloveSession::FoxgloveSession(beast::tcp_stream&& stream, ServerContext& context, BudgetShare connectionShare)
+    : ws_(std::move(stream)),
+      context_(context),
+      connectionShare_(std::move(connectionShare)),
+      timer_(ws_.get_executor()) {}
 
 FoxgloveSession::~FoxgloveSession() {
   context_.connections.remove(this);

@@ -56,7 +56,9 @@ class FoxgloveSession : public Connection, public std::enable_shared_from_this<F
   static constexpr uint32_t kTfChannel = 1;
   static constexpr uint32_t kSceneChannel = 2;
 
-  FoxgloveSession(boost::beast::tcp_stream&& stream, ServerContext& context);
+  // connectionShare: this connection's part of the server's connection
+  // budget, given back when the session ends.
+  FoxgloveSession(boost::beast::tcp_stream&& stream, ServerContext& context, BudgetShare connectionShare);
   ~FoxgloveSession() override;
 
   // Completes the upgrade asked by request (400 without one of our subprotocols).
@@ -95,6 +97,7 @@ class FoxgloveSession : public Connection, public std::enable_shared_from_this<F
   boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
   boost::beast::flat_buffer buffer_;
   ServerContext& context_;
+  BudgetShare connectionShare_;
   boost::asio::steady_timer timer_;
 
   // I/O thread only.

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
@@ -16,6 +17,12 @@ namespace net {
 namespace {
 
 using json = nlohmann::json;
+
+// What parseJson writes in place of a number past the double range (which
+// nlohmann refuses as a syntax error): read back as an infinity, so that
+// the number is refused as an argument, with the request's id, instead.
+const char* const kOverflowToken = "1e308";
+const char* const kNegativeOverflowToken = "-1e308";
 
 [[noreturn]] void throwNotAValue(const std::string& message) { throw KQArgumentError("", "", message); }
 
@@ -32,10 +39,14 @@ class DepthLimitedBuilder {
   bool number_unsigned(json::number_unsigned_t value) { return builder_.number_unsigned(value); }
   bool number_float(json::number_float_t value, const json::string_t& text) {
     // nlohmann turns an integer wider than 64 bits into a float; without a
-    // fraction or exponent it is still an integer to us, and one that cannot
-    // be an int.
+    // fraction or exponent it is still an integer to us, one that fits
+    // nothing: kept as NaN, which no JSON text can give otherwise.
     if (text.find_first_of(".eE") == json::string_t::npos)
-      return builder_.number_unsigned(std::numeric_limits<json::number_unsigned_t>::max());
+      return builder_.number_float(std::numeric_limits<double>::quiet_NaN(), text);
+    // A number past the double range, rewritten by parseJson.
+    if (text == kOverflowToken) return builder_.number_float(std::numeric_limits<double>::infinity(), text);
+    if (text == kNegativeOverflowToken)
+      return builder_.number_float(-std::numeric_limits<double>::infinity(), text);
     return builder_.number_float(value, text);
   }
   bool string(json::string_t& value) { return builder_.string(value); }
@@ -53,12 +64,14 @@ class DepthLimitedBuilder {
   }
   bool parse_error(std::size_t position, const std::string& token, const nlohmann::detail::exception& e) {
     syntaxError_ = true;
+    numberOverflow_ = e.id == 406;
     message_ = e.what();
     return builder_.parse_error(position, token, e);
   }
 
   bool tooDeep() const { return tooDeep_; }
   bool syntaxError() const { return syntaxError_; }
+  bool numberOverflow() const { return numberOverflow_; }
   const std::string& message() const { return message_; }
 
  private:
@@ -75,8 +88,49 @@ class DepthLimitedBuilder {
   int depth_ = 0;
   bool tooDeep_ = false;
   bool syntaxError_ = false;
+  bool numberOverflow_ = false;
   std::string message_;
 };
+
+// text with every number outside strings that overflows a double replaced
+// by the overflow token of its sign.
+std::string withOverflowsMarked(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  bool inString = false;
+  bool escaped = false;
+  for (std::size_t i = 0; i < text.size();) {
+    const char c = text[i];
+    if (inString) {
+      out += c;
+      ++i;
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+      continue;
+    }
+    if (c == '"') inString = true;
+    if (c != '-' && (c < '0' || c > '9')) {
+      out += c;
+      ++i;
+      continue;
+    }
+    std::size_t end = i + 1;
+    while (end < text.size() && std::strchr("0123456789.eE+-", text[end]) != nullptr) ++end;
+    const std::string token(text.substr(i, end - i));
+    const double value = std::strtod(token.c_str(), nullptr);
+    if (std::isinf(value))
+      out += value > 0 ? kOverflowToken : kNegativeOverflowToken;
+    else
+      out += token;
+    i = end;
+  }
+  return out;
+}
 
 }  // namespace
 
@@ -254,17 +308,14 @@ KQValue fromJson(const json& j) {
     }
     case json::value_t::number_unsigned: {
       const auto n = j.get<json::number_unsigned_t>();
-      if (n > static_cast<json::number_unsigned_t>(std::numeric_limits<int>::max())) {
-        // The largest unsigned value stands for any integer wider than 64
-        // bits (see parseJson); its digits are not known any more.
-        if (n == std::numeric_limits<json::number_unsigned_t>::max())
-          throwNotAValue("an integer does not fit in a 32-bit int");
+      if (n > static_cast<json::number_unsigned_t>(std::numeric_limits<int>::max()))
         throwNotAValue(std::to_string(n) + " does not fit in a 32-bit int");
-      }
       return KQValue(static_cast<int>(n));
     }
     case json::value_t::number_float: {
       const double d = j.get<double>();
+      // An integer wider than 64 bits arrives as NaN (see parseJson).
+      if (std::isnan(d)) throwNotAValue("an integer does not fit in a 32-bit int");
       // (A text like 1e999 arrives here as infinity, which has no digits to show.)
       if (!std::isfinite(d)) throwNotAValue("a number does not fit in a float");
       if (std::fabs(d) > static_cast<double>(std::numeric_limits<float>::max()))
@@ -328,6 +379,12 @@ ParseOutcome parseJson(std::string_view text, json& out, int maxDepth, std::stri
   if (builder.tooDeep()) {
     out = json();
     return ParseOutcome::TooDeep;
+  }
+  if ((!ok || builder.syntaxError()) && builder.numberOverflow()) {
+    // Once more with the numbers past the double range marked; rare, so the
+    // copy costs nothing on the common path. (Marking is idempotent: no loop.)
+    const std::string marked = withOverflowsMarked(text);
+    if (marked != text) return parseJson(marked, out, maxDepth, error);
   }
   if (!ok || builder.syntaxError()) {
     if (error) *error = builder.message();

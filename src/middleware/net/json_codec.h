@@ -56,10 +56,12 @@ bool jsonDepthExceeds(std::string_view text, int maxDepth = kMaxJsonDepth);
 enum class ParseOutcome { Ok, SyntaxError, TooDeep };
 
 // Parses untrusted text, refusing it before building anything deeper than
-// maxDepth. Integers too wide for 64 bits stay integers (as the largest
-// unsigned value) instead of turning into floats, so that fromJson refuses
-// them like any other integer outside 32 bits. On SyntaxError, error (when
-// given) receives the parser's message.
+// maxDepth. Integers too wide for 64 bits become NaN (no JSON text gives
+// one otherwise) instead of rounded floats, so that fromJson refuses them as
+// integers outside 32 bits and an id is not mistaken for another; numbers
+// past the double range (1e400) become infinities instead of a syntax error,
+// so that fromJson refuses them as numbers outside the float range. On
+// SyntaxError, error (when given) receives the parser's message.
 ParseOutcome parseJson(std::string_view text, nlohmann::json& out, int maxDepth = kMaxJsonDepth,
                        std::string* error = nullptr);
 

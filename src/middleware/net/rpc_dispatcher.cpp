@@ -1,5 +1,6 @@
 #include "middleware/net/rpc_dispatcher.h"
 
+#include <cmath>
 #include <exception>
 #include <utility>
 #include <vector>
@@ -33,7 +34,27 @@ json errorReply(const json& id, int code, const std::string& message, const json
 // is written with replacement characters instead of failing the whole reply.
 std::string dumpJson(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
 
-bool isValidId(const json& id) { return id.is_string() || id.is_number() || id.is_null(); }
+// An integer too wide for 64 bits reaches here as NaN (see parseJson): it
+// cannot be echoed as sent, so it is no valid id.
+bool isValidId(const json& id) {
+  if (id.is_number_float() && std::isnan(id.get<double>())) return false;
+  return id.is_string() || id.is_number() || id.is_null();
+}
+
+bool isFinite(const KQValue& value) {
+  if (value.getType() == KQValue::Type::Float) return std::isfinite(value.toFloat());
+  if (value.getType() != KQValue::Type::Array) return true;
+  for (const KQValue& element : value.toArray())
+    if (!isFinite(element)) return false;
+  return true;
+}
+
+// "Module.method" -> the KQError text of that method's failure.
+std::string failureOf(const std::string& name, const std::string& message) {
+  const std::size_t dot = name.find('.');
+  if (dot == std::string::npos) return KQError("", name, message).what();
+  return KQError(name.substr(0, dot), name.substr(dot + 1), message).what();
+}
 
 int argumentCount(const json* params) { return params ? static_cast<int>(params->size()) : 0; }
 
@@ -55,7 +76,21 @@ std::string stringArgument(const std::string& module, const std::string& method,
 
 }  // namespace
 
-RpcDispatcher::RpcDispatcher(std::shared_ptr<KQBroker> broker) : broker_(std::move(broker)) {}
+RpcDispatcher::RpcDispatcher(std::shared_ptr<KQBroker> broker, std::vector<std::string> lockFreeMethods,
+                             std::size_t maxReplyBytes)
+    : broker_(std::move(broker)),
+      lockFreeMethods_(lockFreeMethods.begin(), lockFreeMethods.end()),
+      maxReplyBytes_(maxReplyBytes) {}
+
+bool RpcDispatcher::isLockFree(const json& request) const {
+  if (!request.is_object()) return true;  // refused without a call
+  const auto method = request.find("method");
+  if (method == request.end() || !method->is_string()) return true;
+  const std::string& name = method->get_ref<const std::string&>();
+  if (name == "subscribe" || name == "unsubscribe") return true;
+  if (name.rfind("broker.", 0) == 0 || name.rfind("KQMemory.", 0) == 0) return true;
+  return lockFreeMethods_.count(name) > 0;
+}
 
 std::string RpcDispatcher::eventNotification(const std::string& event, const KQValue& value) {
   std::string out = R"({"jsonrpc":"2.0","method":"event","params":[)";
@@ -67,23 +102,48 @@ std::string RpcDispatcher::eventNotification(const std::string& event, const KQV
 }
 
 std::string RpcDispatcher::handle(std::string_view text, RpcSubscriptions* subscriptions) const {
+  return run(prepare(text), subscriptions);
+}
+
+PreparedMessage RpcDispatcher::prepare(std::string_view text) const {
+  PreparedMessage message;
+  const auto answer = [&message](std::string reply) {
+    message.answered = true;
+    message.reply = std::move(reply);
+    return std::move(message);
+  };
   try {
-    json document;
     std::string detail;
-    switch (parseJson(text, document, kMaxJsonDepth, &detail)) {
+    switch (parseJson(text, message.document, kMaxJsonDepth, &detail)) {
       case ParseOutcome::TooDeep:
-        return dumpJson(errorReply(nullptr, kInvalidRequest,
-                                   "Invalid Request: nested deeper than " + std::to_string(kMaxJsonDepth) +
-                                       " levels"));
+        return answer(dumpJson(errorReply(
+            nullptr, kInvalidRequest, "Invalid Request: nested deeper than " + std::to_string(kMaxJsonDepth) + " levels")));
       case ParseOutcome::SyntaxError: {
         const json data = detail;
-        return dumpJson(errorReply(nullptr, kParseError, "Parse error", &data));
+        return answer(dumpJson(errorReply(nullptr, kParseError, "Parse error", &data)));
       }
       case ParseOutcome::Ok:
         break;
     }
+    if (message.document.is_array()) {
+      if (message.document.empty())
+        return answer(dumpJson(errorReply(nullptr, kInvalidRequest, "Invalid Request: empty batch")));
+      for (const json& request : message.document) message.lockFree = message.lockFree && isLockFree(request);
+    } else {
+      message.lockFree = isLockFree(message.document);
+    }
+    return message;
+  } catch (const std::exception& e) {
+    // Only running out of memory can land here; answer rather than drop.
+    return answer(dumpJson(errorReply(nullptr, kMethodFailed, std::string("Server error: ") + e.what())));
+  }
+}
+
+std::string RpcDispatcher::run(const PreparedMessage& message, RpcSubscriptions* subscriptions) const {
+  if (message.answered) return message.reply;
+  try {
+    const json& document = message.document;
     if (document.is_array()) {
-      if (document.empty()) return dumpJson(errorReply(nullptr, kInvalidRequest, "Invalid Request: empty batch"));
       std::string replies;
       for (const json& request : document) {
         const std::size_t before = replies.size();
@@ -97,7 +157,6 @@ std::string RpcDispatcher::handle(std::string_view text, RpcSubscriptions* subsc
     handleOne(document, subscriptions, reply);
     return reply;
   } catch (const std::exception& e) {
-    // Only running out of memory can land here; answer rather than drop.
     return dumpJson(errorReply(nullptr, kMethodFailed, std::string("Server error: ") + e.what()));
   }
 }
@@ -109,6 +168,8 @@ void RpcDispatcher::handleOne(const json& request, RpcSubscriptions* subscriptio
   if (!request.is_object()) return refuse(nullptr, "Invalid Request: not an object");
   const auto idField = request.find("id");
   const bool isNotification = idField == request.end();
+  if (!isNotification && idField->is_number_float() && std::isnan(idField->get<double>()))
+    return refuse(nullptr, "Invalid Request: \"id\" does not fit in 64 bits");
   if (!isNotification && !isValidId(*idField))
     return refuse(nullptr, "Invalid Request: \"id\" must be a string, a number or null");
   const json id = isNotification ? json() : *idField;
@@ -125,14 +186,24 @@ void RpcDispatcher::handleOne(const json& request, RpcSubscriptions* subscriptio
     return refuse(id, "Invalid Request: \"params\" must be an array");
 
   try {
-    const KQValue result = call(method->get_ref<const std::string&>(), params, subscriptions);
+    const std::string& name = method->get_ref<const std::string&>();
+    const KQValue result = call(name, params, subscriptions);
     if (isNotification) return;
+    // JSON has no NaN or infinity; null would pass for a value.
+    if (!isFinite(result)) throw RpcFailure{kMethodFailed, failureOf(name, "the result holds a number that is not finite")};
     // Written straight to text, in the key order nlohmann would use.
+    const std::size_t start = out.size();
     out += "{\"id\":";
     out += dumpJson(id);
     out += ",\"jsonrpc\":\"2.0\",\"result\":";
     appendJson(result, out);
     out += '}';
+    // out holds the batch so far: a call that makes it too long is answered
+    // with an error instead (never more than one reply past the bound).
+    if (out.size() > maxReplyBytes_) {
+      out.resize(start);
+      throw RpcFailure{kMethodFailed, "reply too large"};
+    }
   } catch (const RpcFailure& failure) {
     if (isNotification) return;
     out += dumpJson(errorReply(id, failure.code, failure.message));

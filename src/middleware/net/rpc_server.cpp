@@ -88,7 +88,9 @@ class RpcServer::Impl {
       ioThread_.join();
     }
     // Running calls end; queued ones are dropped, with the connections they
-    // held, while the I/O context still exists.
+    // held, while the I/O context still exists. The lane first: its jobs
+    // hand work on to the pool.
+    context_.lockFreeLane.stop();
     context_.pool.stop();
   }
 
@@ -116,7 +118,12 @@ class RpcServer::Impl {
       if (ec == asio::error::operation_aborted || !acceptor_.is_open()) return;
       if (ec) {
         // Out of descriptors, most likely: wait a little rather than spin.
-        KO_LOG(ko::log::warning, kLogCategory, "", "xAccept", 0) << "Cannot accept a connection: " << ec.message();
+        uint64_t suppressed = 0;
+        if (acceptErrors_.admit(ec.message(), &suppressed)) {
+          KO_LOG(ko::log::warning, kLogCategory, "", "xAccept", 0)
+              << "Cannot accept a connection: " << ec.message()
+              << (suppressed ? " (and " + std::to_string(suppressed) + " more in the last second)" : std::string());
+        }
         retryTimer_.expires_after(std::chrono::milliseconds(100));
         retryTimer_.async_wait([this](boost::system::error_code waitError) {
           if (!waitError) xAccept();
@@ -124,13 +131,38 @@ class RpcServer::Impl {
         return;
       }
       boost::system::error_code ignored;
+      if (!context_.connectionBudget.take(1)) {
+        xRefuseConnection(socket);
+        return xAccept();
+      }
       socket.set_option(tcp::no_delay(true), ignored);
-      std::make_shared<HttpSession>(std::move(socket), context_)->run();
+      std::make_shared<HttpSession>(std::move(socket), context_, BudgetShare(context_.connectionBudget, 1))->run();
       xAccept();
     });
   }
 
+  // Past the connection bound: one 503 sent without waiting (a fresh
+  // socket's send buffer takes it whole) and the socket closed.
+  void xRefuseConnection(tcp::socket& socket) {
+    static const std::string kAnswer =
+        "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain\r\nContent-Length: 25\r\n"
+        "Connection: close\r\n\r\nToo many connections now.";
+    boost::system::error_code ignored;
+    const auto remote = socket.remote_endpoint(ignored);
+    const std::string client = ignored ? std::string("a client") : remote.address().to_string();
+    socket.non_blocking(true, ignored);
+    socket.write_some(asio::buffer(kAnswer), ignored);
+    socket.shutdown(tcp::socket::shutdown_both, ignored);
+    socket.close(ignored);
+    uint64_t suppressed = 0;
+    if (!acceptErrors_.admit("connections", &suppressed)) return;
+    KO_LOG(ko::log::warning, kLogCategory, "", "xAccept", 0)
+        << "Refused " << client << ": " << context_.options.maxConnections << " connections are open"
+        << (suppressed ? " (and " + std::to_string(suppressed) + " more refused in the last second)" : std::string());
+  }
+
   ServerContext context_;
+  ko::log::Throttle acceptErrors_;
   asio::io_context io_{1};
   asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
   tcp::acceptor acceptor_;

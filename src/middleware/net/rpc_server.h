@@ -15,6 +15,23 @@
 // JSON nested deeper than 64 levels is refused before it is built; idle
 // connections are closed after idleTimeoutSeconds.
 //
+// Budgets (a hostile or greedy client must not crash the service, grow it
+// without bound or starve the others): a request's header bytes are counted
+// across reads (maxHeaderBytes, 431), a chunked body's extensions and
+// trailers likewise (400), and the whole request must arrive within
+// requestTimeoutSeconds of its first byte; an upgrade that declares a body
+// is refused (400). Past maxConnections a new connection is answered 503 and
+// closed. Calls queued or running across all connections are bounded in
+// number (maxCalls) and bytes (maxQueuedBytes); so are the bytes of replies
+// and events waiting to be sent to all WebSocket clients together
+// (maxQueuedBytes, one shared buffer per event), and a client over its share
+// is closed with a reason. A reply (a batch included) never grows past
+// maxReplyBytes: a call that does not fit is answered -32000 "reply too
+// large". A WebSocket client holds at most maxSubscriptions subscriptions.
+// Calls that take no module lock (the broker's methods, KQMemory's, and
+// lockFreeMethods) run on their own lane, so they answer while every worker
+// waits on a lock. Refusals are logged at most once a second per client.
+//
 // Threading: one I/O thread owns every socket; calls run on a pool of
 // workerThreads so that a call waiting on a module's lock delays no other
 // client. start() and stop() are called from one owning thread; port() from
@@ -26,6 +43,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace KQ {
 
@@ -40,6 +58,16 @@ struct RpcServerOptions {
   std::size_t maxMessageBytes = 1 << 20;
   int workerThreads = 4;
   int idleTimeoutSeconds = 300;
+  std::size_t maxHeaderBytes = 16 << 10;   // one request's header, and its chunk extensions and trailers
+  int requestTimeoutSeconds = 10;          // from a request's first byte to its last
+  int maxConnections = 512;
+  int maxCalls = 256;                      // queued or running, all connections
+  std::size_t maxQueuedBytes = 64 << 20;   // call texts waiting; and, apart, bytes waiting to be sent
+  std::size_t maxReplyBytes = 16 << 20;
+  int maxSubscriptions = 1024;             // per WebSocket connection
+  // "<Module>.<method>" names that take no module lock ("broker.*" and
+  // "KQMemory.*" always do).
+  std::vector<std::string> lockFreeMethods{"KQWorldRepresentation.getRootName"};
   std::string webRoot;                // the viewer's folder (GET /); empty: no viewer
 };
 

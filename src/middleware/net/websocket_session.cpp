@@ -8,6 +8,7 @@
 #include <boost/asio/post.hpp>
 
 #include "middleware/broker.h"
+#include "middleware/error.h"
 #include "middleware/log.h"
 #include "middleware/net/json_codec.h"
 #include "middleware/proxy.h"
@@ -22,17 +23,39 @@ namespace websocket = beast::websocket;
 
 namespace {
 const char* const kLogCategory = "KQRpcServer";
+
+// The text of one raised event, built once for all the subscribers one
+// raise reaches: the memory module calls them one after the other on the
+// raising thread with the same value, so the last text built on this thread
+// serves while it is still queued somewhere and the event is the same.
+std::shared_ptr<const std::string> sharedNotification(const std::string& name, const KQValue& value) {
+  struct Last {
+    std::string name;
+    KQValue value;
+    std::weak_ptr<const std::string> text;
+  };
+  thread_local Last last;
+  if (auto text = last.text.lock())
+    if (last.name == name && last.value == value) return text;
+  auto text = std::make_shared<const std::string>(RpcDispatcher::eventNotification(name, value));
+  last.name = name;
+  last.value = value;
+  last.text = text;
+  return text;
+}
 }  // namespace
 
-WebSocketSession::WebSocketSession(beast::tcp_stream&& stream, ServerContext& context)
+WebSocketSession::WebSocketSession(beast::tcp_stream&& stream, ServerContext& context, BudgetShare connectionShare)
     : ws_(std::move(stream)),
       context_(context),
+      connectionShare_(std::move(connectionShare)),
       // Room for a burst of full-size replies and events; a client further
       // behind than this is not reading.
       maxQueuedBytes_(std::max<std::size_t>(context.options.maxMessageBytes * 16, 16u << 20)) {}
 
 WebSocketSession::~WebSocketSession() {
   context_.connections.remove(this);
+  dropQueue();
   dropSubscriptions();
 }
 
@@ -67,13 +90,24 @@ void WebSocketSession::onRead(beast::error_code ec) {
   if (ec) return finish();
   std::string text = beast::buffers_to_string(buffer_.data());
   buffer_.consume(buffer_.size());
+  CallShare share;
+  if (!context_.takeCall(text.size(), share)) {
+    beast::error_code ignored;
+    const auto remote = beast::get_lowest_layer(ws_).socket().remote_endpoint(ignored);
+    context_.logRefusal(ignored ? std::string("a client") : remote.address().to_string(),
+                        "server busy: too many calls under way");
+    send(std::make_shared<const std::string>(
+        R"({"error":{"code":-32000,"message":"Server busy: too many calls under way; try again"},"id":null,"jsonrpc":"2.0"})"));
+    return read();
+  }
+  text.shrink_to_fit();
   ++callsInFlight_;
   auto self = shared_from_this();
-  const bool posted = context_.pool.post([self, text = std::move(text)]() {
-    std::string reply = self->context_.dispatcher.handle(text, self.get());
-    asio::post(self->ws_.get_executor(),
-               [self, reply = std::move(reply)]() mutable { self->callDone(std::move(reply)); });
-  });
+  const bool posted = context_.postCall(
+      std::move(text), this, std::make_shared<CallShare>(std::move(share)), [self](std::string reply) {
+        asio::post(self->ws_.get_executor(),
+                   [self, reply = std::move(reply)]() mutable { self->callDone(std::move(reply)); });
+      });
   if (!posted) return finish();
   if (callsInFlight_ < kMaxCallsInFlight) read();
 }
@@ -81,18 +115,25 @@ void WebSocketSession::onRead(beast::error_code ec) {
 void WebSocketSession::callDone(std::string reply) {
   --callsInFlight_;
   if (finished_) return;
-  if (!reply.empty()) send(std::move(reply));
+  if (!reply.empty()) send(std::make_shared<const std::string>(std::move(reply)));
   if (callsInFlight_ < kMaxCallsInFlight) read();
 }
 
-void WebSocketSession::send(std::string text) {
+void WebSocketSession::send(Text text) {
   if (finished_) return;
-  queuedBytes_ += text.size();
-  if (queuedBytes_ > maxQueuedBytes_) {
+  const std::size_t size = text->size();
+  if (queuedBytes_ + size > maxQueuedBytes_) {
     KO_LOG(ko::log::warning, kLogCategory, "", "send", 0)
         << "Closing a WebSocket client that left " << queuedBytes_ << " bytes unread.";
-    return finish();
+    return cutOff("too far behind: " + std::to_string(queuedBytes_) + " bytes unread");
   }
+  if (!context_.sendByteBudget.take(size)) {
+    KO_LOG(ko::log::warning, kLogCategory, "", "send", 0)
+        << "Closing a WebSocket client with " << queuedBytes_
+        << " bytes unread: the bytes waiting for all clients reached their bound.";
+    return cutOff("too far behind: the server's send budget is spent");
+  }
+  queuedBytes_ += size;
   queue_.push_back(std::move(text));
   if (!writing_) write();
 }
@@ -100,21 +141,45 @@ void WebSocketSession::send(std::string text) {
 void WebSocketSession::write() {
   writing_ = true;
   ws_.text(true);
-  ws_.async_write(asio::buffer(queue_.front()), [self = shared_from_this()](beast::error_code ec, std::size_t) {
+  // The handler holds the text: the queue may be dropped while it is sent.
+  Text text = queue_.front();
+  ws_.async_write(asio::buffer(*text), [self = shared_from_this(), text](beast::error_code ec, std::size_t) {
     self->writing_ = false;
     if (self->finished_) return;
     if (ec) return self->finish();
-    self->queuedBytes_ -= self->queue_.front().size();
+    const std::size_t size = text->size();
+    self->queuedBytes_ -= size;
+    self->context_.sendByteBudget.give(size);
     self->queue_.pop_front();
     if (!self->queue_.empty()) self->write();
   });
 }
 
+void WebSocketSession::dropQueue() {
+  queue_.clear();
+  context_.sendByteBudget.give(queuedBytes_);
+  queuedBytes_ = 0;
+}
+
+void WebSocketSession::cutOff(const std::string& reason) {
+  if (finished_) return;
+  // A write under way holds its own text; the close frame waits for it.
+  finished_ = true;
+  dropSubscriptions();
+  dropQueue();
+  ws_.async_close(websocket::close_reason(websocket::close_code::policy_error, reason),
+                  [self = shared_from_this()](beast::error_code) {
+                    beast::error_code ec;
+                    auto& socket = beast::get_lowest_layer(self->ws_).socket();
+                    socket.shutdown(asio::ip::tcp::socket::shutdown_both, ec);
+                    socket.close(ec);
+                  });
+}
+
 void WebSocketSession::finish() {
   if (finished_) return;
   finished_ = true;
-  queue_.clear();
-  queuedBytes_ = 0;
+  dropQueue();
   dropSubscriptions();
   beast::error_code ec;
   auto& socket = beast::get_lowest_layer(ws_).socket();
@@ -147,6 +212,9 @@ bool WebSocketSession::subscribe(const std::string& event) {
   {
     std::lock_guard<std::mutex> lock(subscriptionMutex_);
     if (subscriptionsClosed_ || subscribed_.count(event) || subscribing_.count(event)) return false;
+    const std::size_t limit = static_cast<std::size_t>(std::max(context_.options.maxSubscriptions, 0));
+    if (subscribed_.size() + subscribing_.size() >= limit)
+      throw KQError("", "subscribe", "A connection holds at most " + std::to_string(limit) + " subscriptions.");
     subscribing_.insert(event);
     memory = memory_;
   }
@@ -158,9 +226,8 @@ bool WebSocketSession::subscribe(const std::string& event) {
       // Any thread: build the text here, hand it to the I/O thread.
       std::shared_ptr<WebSocketSession> self = weak.lock();
       if (!self) return;
-      std::string text = RpcDispatcher::eventNotification(name, value);
       asio::post(self->ws_.get_executor(),
-                 [self, text = std::move(text)]() mutable { self->send(std::move(text)); });
+                 [self, text = sharedNotification(name, value)]() mutable { self->send(std::move(text)); });
     });
   } catch (...) {
     std::lock_guard<std::mutex> lock(subscriptionMutex_);

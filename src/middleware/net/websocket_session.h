@@ -7,9 +7,13 @@
 //
 // Invariants: one write at a time, from a queue (Beast allows one); at most
 // kMaxCallsInFlight calls of one connection run or wait at once, further
-// reading waits for one to end; a connection whose unsent replies and events
-// pile up past a bound is closed rather than let grow without end; every
-// subscription is dropped when the connection ends, however it ends.
+// reading waits for one to end, and each holds a share of the server's call
+// budgets (a call past them is answered "server busy"); the queue holds
+// shared immutable texts (one per raised event, whoever subscribed) and its
+// bytes hold a share of the server's send budget: a connection past its own
+// bound or the server's is closed with a reason rather than let grow; at
+// most maxSubscriptions subscriptions; every subscription is dropped when
+// the connection ends, however it ends.
 //
 // Threading: socket, queue and counters belong to the I/O thread. Event
 // callbacks arrive on any thread and only post to it. subscribe/unsubscribe
@@ -45,7 +49,7 @@ class WebSocketSession : public Connection,
  public:
   static constexpr int kMaxCallsInFlight = 64;
 
-  WebSocketSession(boost::beast::tcp_stream&& stream, ServerContext& context);
+  WebSocketSession(boost::beast::tcp_stream&& stream, ServerContext& context, BudgetShare connectionShare);
   ~WebSocketSession() override;
 
   // Completes the upgrade asked by request.
@@ -60,19 +64,23 @@ class WebSocketSession : public Connection,
   void read();
   void onRead(boost::beast::error_code ec);
   void callDone(std::string reply);
-  void send(std::string text);  // queues one message; I/O thread
+  using Text = std::shared_ptr<const std::string>;
+  void send(Text text);  // queues one message; I/O thread
   void write();
   void finish();  // closes the socket and drops subscriptions; I/O thread
+  void cutOff(const std::string& reason);  // closes with a reason, then finishes; I/O thread
+  void dropQueue();
   // Drops every subscription; takes subscriptionMutex_ itself (any thread).
   void dropSubscriptions();
 
   boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
   boost::beast::flat_buffer buffer_;
   ServerContext& context_;
+  BudgetShare connectionShare_;
   std::size_t maxQueuedBytes_;
 
   // I/O thread only.
-  std::deque<std::string> queue_;
+  std::deque<Text> queue_;
   std::size_t queuedBytes_ = 0;
   bool writing_ = false;
   bool reading_ = false;
