@@ -1,13 +1,20 @@
 // Start-up and shutdown: the built-in categories, the fixed top of the frame
-// tree, one live node per joint, the events; exit saves.
-#include <memory>
+// tree, one live node per joint, the world restored from the data folder
+// (--restore), the events, the autosave thread; exit saves.
+#include <chrono>
 #include <exception>
+#include <memory>
+#include <optional>
 
 #include "middleware/error.h"
 #include "middleware/memory_proxy.h"
 #include "middleware/motion_proxy.h"
 #include "module/module_log.h"
 #include "module/world_representation.h"
+#include "persistence/autosaver.h"
+#include "persistence/world_archive.h"
+#include "persistence/world_restore.h"
+#include "storage/attribute_rows.h"
 #include "spatial/motion_displacement.h"
 #include "spatial/odometry_displacement.h"
 #include "spatial/pose_conversions.h"
@@ -16,11 +23,25 @@
 namespace KQ {
 
 void KQWorldRepresentation::init() {
-  // Results ignored: a category that already exists is no obstacle.
-  createObjectCategory("joints", true);
-  createObjectCategory("root", true);
-  createObjectCategory("frame", true);
-  createObjectCategory("kqmemoryobjects", true);
+  // A restore reads the archive before anything opens a database: a broken
+  // archive ends the start having changed nothing on disk, and nothing is
+  // saved over it on the way out.
+  std::optional<WorldArchive> archive;
+  if (startOptions_.restore) {
+    try {
+      archive = readWorldArchive(dataDirectory_);
+    } catch (const KQError&) {
+      saveBlocked_ = true;
+      throw;
+    }
+  }
+  // Results ignored: a category that already exists is no obstacle. A
+  // restore keeps the built-in categories' rows (objects stored in "frame").
+  const bool reset = !startOptions_.restore;
+  createObjectCategory("joints", reset);
+  createObjectCategory("root", reset);
+  createObjectCategory("frame", reset);
+  createObjectCategory("kqmemoryobjects", reset);
 
   {
     // The module is already reachable through the broker, so the top of the
@@ -50,16 +71,79 @@ void KQWorldRepresentation::init() {
     if (bodyName != "Torso") addJoint(bodyName);
   }
 
+  std::vector<std::string> displayed;
+  if (startOptions_.restore) displayed = restoreWorld(archive ? &*archive : nullptr);
+
   try {
     memoryProxy_->declareEvent(displayRequiredEventName_);
     memoryProxy_->declareEvent(positionChangedEventName_);
     memoryProxy_->declareEvent(attributeChangedEventName_);
-    // Every start begins with an empty display list.
-    memoryProxy_->raiseEvent(displayRequiredEventName_, KQValue(std::vector<std::string>()));
+    // A plain start begins with an empty display list, a restore with the
+    // restored objects that have display rows.
+    memoryProxy_->raiseEvent(displayRequiredEventName_, KQValue(displayed));
   } catch (const std::exception&) {
     KQWR_WARNING("init") << "Could not declare display and update events, objects "
                          << "will not be displayed nor updated.";
   }
+
+  if (startOptions_.autosaveSeconds > 0)
+    autosaver_ = std::make_unique<Autosaver>(std::chrono::seconds(startOptions_.autosaveSeconds),
+                                             [this]() { return save(); });
+}
+
+std::vector<std::string> KQWorldRepresentation::restoreWorld(const WorldArchive* archive) {
+  const auto start = std::chrono::steady_clock::now();
+  WriterLock objectLock(objectLock_);
+  WriterLock graphLock(graphLock_);
+  WriterLock categoryLock(categoryLock_);
+  xReopenCategories();
+
+  std::vector<CategoryRows> rows;
+  std::set<std::string> withDisplay;
+  for (const auto& database : databases_) {
+    int status = 0;
+    const KQValue latest = database.second.readAll(latestPositionsQuery(), &status);
+    if (status != 0) {
+      KQWR_ERROR("restore") << "Could not read the positions of category " << database.first;
+    }
+    CategoryRows category{database.first, {}};
+    category.rows.reserve(static_cast<std::size_t>(latest.getSize()));
+    LatestPosition position;
+    for (int i = 0; i < latest.getSize(); ++i)
+      if (readLatestPosition(latest[i], position)) category.rows.push_back(position);
+    rows.push_back(std::move(category));
+    const KQValue shown = database.second.readAll(displayedObjectsQuery(), &status);
+    for (int i = 0; i < shown.getSize(); ++i)
+      if (shown[i][0].isString()) withDisplay.insert(shown[i][0].toString());
+  }
+  std::set<std::string> live;
+  for (const auto& object : objects_) live.insert(object.first);
+
+  const RestorePlan plan = planRestore(archive, rows, live, rootName_);
+  std::vector<std::string> displayed;
+  for (const RestoredObject& object : plan.objects) {
+    int newId = -1;
+    // The parent is live or placed before (the plan's order); the root
+    // catches one whose own node was refused.
+    auto parent = objects_.find(object.parentName);
+    const int added = graph_.addNode(newId, std::make_shared<Displacement>(object.quaternion, object.translation),
+                                     parent == objects_.end() ? 0 : parent->second);
+    if (added != 0) {
+      KQWR_ERROR("restore") << "Cannot restore " << object.name << ": " << graph_.getErrorMessage(added);
+      continue;
+    }
+    objects_[object.name] = newId;
+    graph_.setNodeData(newId, std::make_shared<WorldObject>(object.name, categories_[object.category]));
+    if (withDisplay.count(object.name) != 0) displayed.push_back(object.name);
+  }
+  for (const auto& orphan : plan.orphans) {
+    KQWR_WARNING("restore") << "Object " << orphan.first << ": its parent " << orphan.second
+                            << " cannot be restored; placed under " << rootName_ << ".";
+  }
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  KQWR_LOG(::ko::log::info, "restore") << "Restored " << plan.fromArchive << " objects from the archive and "
+                                       << plan.fromDatabases << " from the databases in " << seconds << " s";
+  return displayed;
 }
 
 void KQWorldRepresentation::addJoint(const std::string& name) {
@@ -102,6 +186,11 @@ void KQWorldRepresentation::addJoint(const std::string& name) {
 
 void KQWorldRepresentation::exit() {
   stopMemoryCheck();
+  if (autosaver_) autosaver_->stop();
+  if (saveBlocked_) {
+    KQModule::exit();
+    return;
+  }
   // A save that fails (data folder gone, disk full, archive unwritable) is
   // logged and reported once the module base has exited, so that the
   // process still stops and ends with a status that says so.

@@ -2,11 +2,15 @@
 // table, and destruction.
 #include "module/world_representation.h"
 
+#include <mutex>
+
 #include "middleware/broker.h"
 #include "middleware/memory_proxy.h"
 #include "middleware/motion_proxy.h"
 #include "middleware/path.h"
 #include "module/module_log.h"
+#include "persistence/autosaver.h"
+#include "persistence/world_archive.h"
 
 namespace KQ {
 
@@ -23,6 +27,25 @@ struct LogCategoryRegistration {
 } logCategoryRegistration;
 }  // namespace
 
+namespace {
+
+std::mutex& startOptionsMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+KQWorldRepresentation::StartOptions& nextStartOptions() {
+  static KQWorldRepresentation::StartOptions options;
+  return options;
+}
+
+KQWorldRepresentation::StartOptions startOptionsForNextModule() {
+  std::lock_guard<std::mutex> lock(startOptionsMutex());
+  return nextStartOptions();
+}
+
+}  // namespace
+
 KQWorldRepresentation::KQWorldRepresentation(std::shared_ptr<KQBroker> broker, const std::string& name)
     : KQModule(broker, name),
       rootName_("World"),
@@ -36,8 +59,14 @@ KQWorldRepresentation::KQWorldRepresentation(std::shared_ptr<KQBroker> broker, c
       memoryCheckPeriod_(0),
       running_(false),
       keepRunning_(false),
-      displayAttributeName_("Display") {
+      displayAttributeName_("Display"),
+      startOptions_(startOptionsForNextModule()) {
   registerMethods();
+}
+
+void KQWorldRepresentation::setStartOptions(const StartOptions& options) {
+  std::lock_guard<std::mutex> lock(startOptionsMutex());
+  nextStartOptions() = options;
 }
 
 void KQWorldRepresentation::registerMethods() {
@@ -122,6 +151,11 @@ KQWorldRepresentation::~KQWorldRepresentation() {
   // gone before anything here is torn down (exit() stopped it already when
   // it ran; stopping twice returns at once).
   stopMemoryCheck();
+  if (autosaver_) autosaver_->stop();
+  if (saveBlocked_) {
+    databases_.clear();
+    return;
+  }
   // Saves once more (exit() saved already). A failing save (the data folder
   // gone, say) is logged: nothing may leave a destructor, and a service
   // that is shutting down must not die on the way.

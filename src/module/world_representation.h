@@ -44,7 +44,9 @@
 
 namespace KQ {
 
+class Autosaver;
 class InterPosVisitor;
+struct WorldArchive;
 class KQBroker;
 class KQMemoryProxy;
 class KQMotionProxy;
@@ -54,6 +56,14 @@ class KQWorldRepresentation : public KQModule {
   static const std::string displayRequiredEventName_;
   static const std::string positionChangedEventName_;
   static const std::string attributeChangedEventName_;
+
+  // How a module starts, read by the constructor: the process sets them
+  // (--restore, --autosave) before it creates the module.
+  struct StartOptions {
+    bool restore = false;     // rebuild the world from the data folder in init()
+    int autosaveSeconds = 0;  // 0: no autosave thread
+  };
+  static void setStartOptions(const StartOptions& options);
 
   KQWorldRepresentation(std::shared_ptr<KQBroker> broker, const std::string& name);
   ~KQWorldRepresentation() override;
@@ -137,6 +147,16 @@ class KQWorldRepresentation : public KQModule {
   void xAddDisplayToCategory(const std::string& category) REQUIRES(categoryLock_);
   // Reopens every ".sqlite" file of the data directory.
   int xLoadDatabases() REQUIRES(objectLock_, graphLock_, categoryLock_, jointLock_);
+  // Reopens, without emptying, each ".sqlite" file of the data directory
+  // that is not open yet, as a category whose attributes are the file's
+  // tables (src/storage/category_databases.cpp).
+  void xReopenCategories() REQUIRES(categoryLock_);
+
+  // --- restore (src/module/startup.cpp): rebuilds the objects from the
+  // archive and the databases (persistence/world_restore.h) under the
+  // object, graph and category locks; returns the names to display.
+  std::vector<std::string> restoreWorld(const WorldArchive* archive)
+      EXCLUDES(objectLock_, graphLock_, categoryLock_);
 
   // --- category operations.
   // False, with the error line naming `function`, for a name that could
@@ -169,8 +189,8 @@ class KQWorldRepresentation : public KQModule {
   // Node id of an object, -1 when unknown.
   int xFindNodeId(const std::string& name) const REQUIRES_SHARED(objectLock_);
   // storeObject's body after its format checks; takes the graph and category locks.
-  int xStoreObject(const ko::os::timeval& time, const std::string& name, const std::string& parentName,
-                   const std::vector<float>& position, const std::string& category, const KQValue& attributes)
+  int xStoreObject(const std::string& name, const std::string& parentName, const std::vector<float>& position,
+                   const std::string& category, const KQValue& attributes)
       REQUIRES(objectLock_) EXCLUDES(graphLock_, categoryLock_);
 
   // --- positions.
@@ -235,6 +255,11 @@ class KQWorldRepresentation : public KQModule {
   std::mutex stopMutex_;
   std::condition_variable stopCondition_;  // wakes the watcher's sleep at a stop
   const std::string displayAttributeName_;
+  const StartOptions startOptions_;
+  // Set when a restore found the archive broken: nothing may be saved over
+  // it on the way out.
+  std::atomic<bool> saveBlocked_{false};
+  std::unique_ptr<Autosaver> autosaver_;  // --autosave; stopped by exit()
 };
 
 }  // namespace KQ

@@ -37,9 +37,6 @@ int KQWorldRepresentation::xFindNodeId(const std::string& name) const {
 int KQWorldRepresentation::storeObject(const std::string& name, const std::string& parentName,
                                        const std::vector<float>& position, const std::string& category,
                                        const KQValue& attributes) {
-  // One reading stamps every row this call writes.
-  ko::os::timeval now;
-  ko::os::gettimeofday(&now);
   if (!checkAttributesFormat(attributes)) {
     KQWR_ERROR("storeObject") << "Wrong attributes format.";
     return 1;
@@ -49,10 +46,10 @@ int KQWorldRepresentation::storeObject(const std::string& name, const std::strin
     return 1;
   }
   WriterLock objectLock(objectLock_);
-  return xStoreObject(now, name, parentName, position, category, attributes);
+  return xStoreObject(name, parentName, position, category, attributes);
 }
 
-int KQWorldRepresentation::xStoreObject(const ko::os::timeval& time, const std::string& name,
+int KQWorldRepresentation::xStoreObject(const std::string& name,
                                         const std::string& parentName, const std::vector<float>& position,
                                         const std::string& category, const KQValue& attributes) {
   if (objects_.count(name) != 0) {
@@ -67,6 +64,10 @@ int KQWorldRepresentation::xStoreObject(const ko::os::timeval& time, const std::
 
   WriterLock graphLock(graphLock_);
   WriterLock categoryLock(categoryLock_);
+  // One reading stamps every row this call writes; read under the graph
+  // lock, as updatePosition's (the archive's time is compared with it).
+  ko::os::timeval time;
+  ko::os::gettimeofday(&time);
   auto categoryEntry = categories_.find(category);
   if (categoryEntry == categories_.end()) {
     KQWR_ERROR("storeObject") << "Category " << category << " does not exist.";

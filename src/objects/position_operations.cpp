@@ -51,10 +51,6 @@ int KQWorldRepresentation::updatePosition(const std::string& name, const std::ve
 
 int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::vector<float>& position,
                                            bool save) {
-  // Stamps the history row, if one is written.
-  ko::os::timeval now;
-  ko::os::gettimeofday(&now);
-
   const int id = xFindNodeId(name);
   if (id < 0) {
     KQWR_ERROR("updatePosition") << "Could not find child " << name;
@@ -74,6 +70,11 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   std::vector<float> translation = objectInParentTranslation.toVector();
 
   WriterLock graphLock(graphLock_);
+  // Stamps the history row, if one is written. Read under the graph lock, so
+  // that a move the archive's copy of the tree missed is stamped after the
+  // archive's time, and one it holds before it (restore picks the newer).
+  ko::os::timeval now;
+  ko::os::gettimeofday(&now);
   const std::string category = xGetObjectCategory(name);
   int parentId = -1;
   graph_.getParent(parentId, id);

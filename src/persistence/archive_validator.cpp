@@ -60,11 +60,17 @@ class TreeReader {
       if (text_[pos_] != '<') {
         if (open.empty()) return "text outside the root element";
         const std::size_t end = text_.find('<', pos_);
-        open.back()->text.append(text_, pos_, end == std::string::npos ? std::string::npos : end - pos_);
+        // Blanks between elements are not kept: the text of a collection of
+        // many items would grow with each and be scanned again for each.
+        const std::string chunk = text_.substr(pos_, end == std::string::npos ? std::string::npos : end - pos_);
+        if (open.back()->children.empty() || !isBlankText(chunk)) open.back()->text += chunk;
         // The library's reader knows the five entities the writer makes and
         // throws halfway through a record on anything else, leaking what it
         // had built of that record.
-        for (std::size_t amp = text_.find('&', pos_); amp < end; amp = text_.find('&', amp + 1)) {
+        // Searched within this text only: a search to the end of the document
+        // for every text would make a large archive quadratic.
+        const std::size_t textEnd = end == std::string::npos ? text_.size() : end;
+        for (std::size_t amp = pos_; (amp = xFindAmpersand(amp, textEnd)) < textEnd; ++amp) {
           static const char* const kEntities[] = {"&lt;", "&gt;", "&amp;", "&quot;", "&apos;"};
           bool known = false;
           for (const char* entity : kEntities) known = known || text_.compare(amp, std::strlen(entity), entity) == 0;
@@ -152,6 +158,11 @@ class TreeReader {
   }
 
   const std::string& text_;
+  std::size_t xFindAmpersand(std::size_t from, std::size_t end) const {
+    const void* found = std::memchr(text_.data() + from, '&', end - from);
+    return found == nullptr ? end : static_cast<std::size_t>(static_cast<const char*>(found) - text_.data());
+  }
+
   std::size_t pos_ = 0;
 };
 
@@ -216,15 +227,29 @@ class ShapeChecker {
     if (!parseInteger(xAttribute(root, "version"), false, version) || version < 4 ||
         version > static_cast<int64_t>(boost::archive::BOOST_ARCHIVE_VERSION()))
       return "an archive version this program cannot read";
-    if (root.children.size() != 1 || !isBlankText(root.text)) return "not exactly one record in the archive";
+    // The record, then the save's stamp (absent from archives written before
+    // the stamp existed).
+    const std::size_t count = root.children.size();
+    if ((count != 1 && count != 4) || !isBlankText(root.text)) return "not one record and its save stamp";
     const Element& record = root.children[0];
     if (kind == ArchiveKind::kNodes) {
       if (xExpectName(record, "nodes")) xCollection(record, Type::kNodesMap, &ShapeChecker::xNodesItem);
     } else {
       if (xExpectName(record, "edges")) xCollection(record, Type::kEdgeVector, &ShapeChecker::xEdge);
     }
+    const char* stampNames[] = {"saveId", "timeS", "timeUS"};
+    for (std::size_t i = 1; i < count && error_.empty(); ++i) {
+      // Unsigned 64-bit numbers: at most 18 digits always fit.
+      const std::string& text = root.children[i].text;
+      if (xLeaf(root.children[i], stampNames[i - 1]) &&
+          (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos))
+        xFail("<" + root.children[i].name + "> is not a number");
+    }
+    if (stamped != nullptr) *stamped = count == 4;
     return error_;
   }
+
+  bool* stamped = nullptr;
 
  private:
   using ItemCheck = bool (ShapeChecker::*)(const Element&);
@@ -425,11 +450,13 @@ class ShapeChecker {
 
 }  // namespace
 
-std::string validateArchiveText(const std::string& text, ArchiveKind kind) {
+std::string validateArchiveText(const std::string& text, ArchiveKind kind, bool* stamped) {
   Element root;
   const std::string error = TreeReader(text).read(root);
   if (!error.empty()) return error;
-  return ShapeChecker().check(root, kind);
+  ShapeChecker checker;
+  checker.stamped = stamped;
+  return checker.check(root, kind);
 }
 
 }  // namespace KQ

@@ -18,6 +18,8 @@
 //          fields {item* {name, type}}}}}}}}}
 //   edges: count, item_version, item* {parentId, parentName, childId,
 //          childName, position {x, y, z, wx, wy, wz}}
+// each followed by the save stamp: saveId, timeS, timeUS (unsigned
+// integers), which archives written before the stamp existed lack.
 //
 // Threading: a pure function of its arguments.
 #ifndef KQ_PERSISTENCE_ARCHIVE_VALIDATOR_H_
@@ -31,7 +33,8 @@ enum class ArchiveKind { kNodes, kEdges };
 
 // The first fault found in `text` as a short phrase ("element <foo> where
 // <name> belongs"), or the empty string when the text has the writer's shape.
-std::string validateArchiveText(const std::string& text, ArchiveKind kind);
+// `stamped`, when given, says whether the text carries the save stamp.
+std::string validateArchiveText(const std::string& text, ArchiveKind kind, bool* stamped = nullptr);
 
 }  // namespace KQ
 

@@ -1,14 +1,8 @@
 // SaveVisitor: one breadth-first walk of the scene graph from the root that
-// writes the world archive: every node's WorldObject into "nodes.xml" (the map
-// node id -> object) and every down edge into "edges.xml" (parent, child and
-// the child's pose in the parent's frame, read at save time, so a live edge
-// is written with the pose it has now).
-//
-// Invariants it owns: each archive is written to "<file>.tmp" in the data
-// directory and only renamed over the real file by commit(), after its
-// trailer is written and flushed; a visitor that is destroyed without a
-// successful commit() removes its temporary files, so the previous archive
-// files stay untouched (a crash leaves either the old or the new file).
+// copies what the world archive keeps: every node's WorldObject (the map
+// node id -> object) and every down edge (parent, child and the child's pose
+// in the parent's frame, read at save time, so a live edge is copied with the
+// pose it has now). writeWorldArchive (world_archive.h) writes the copy.
 //
 // Threading: one visitor per save, used by the saving thread only; the
 // walk runs under the graph lock held exclusively (the caller holds it).
@@ -16,7 +10,6 @@
 #define KQ_PERSISTENCE_SAVE_VISITOR_H_
 
 #include <cstdint>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -26,12 +19,6 @@
 #include "spatial/graph_visitor.h"
 
 class WorldObject;
-
-namespace boost {
-namespace archive {
-class xml_oarchive;
-}
-}  // namespace boost
 
 namespace KQ {
 
@@ -51,11 +38,7 @@ class SaveVisitor : public GraphVisitor {
     void serialize(Archive& ar, unsigned int version);  // world_archive.cpp
   };
 
-  // Creates (truncating) "nodes.xml.tmp" and "edges.xml.tmp" in the data
-  // directory and writes both archive headers. Throws KQError naming the
-  // file when one cannot be created.
-  explicit SaveVisitor(const std::string& dataDirectory);
-  ~SaveVisitor() override;
+  SaveVisitor() = default;
   SaveVisitor(const SaveVisitor&) = delete;
   SaveVisitor& operator=(const SaveVisitor&) = delete;
 
@@ -66,12 +49,8 @@ class SaveVisitor : public GraphVisitor {
   void onDownEdge(int parentId, int childId, KQMotionDisplacement& edge) override;
   void onDownEdge(int parentId, int childId, KQOdometryDisplacement& edge) override;
 
-  // Writes the trailers, closes both files and renames them over
-  // "nodes.xml" and "edges.xml" (nodes first). Only after stopVisit wrote
-  // both elements; otherwise, or when a file could not be written, throws
-  // KQError and leaves the previous files as they were.
-  void commit();
-
+  // True once stopVisit has run: the walk finished and the copy is whole.
+  bool complete() const { return complete_; }
   const std::map<int, std::shared_ptr<WorldObject>>& getNodes() const { return nodes_; }
   const std::vector<Edge>& getEdges() const { return edges_; }
 
@@ -79,19 +58,10 @@ class SaveVisitor : public GraphVisitor {
   // Appends one edge read from a live or fixed displacement; nodes_ holds
   // the parent already (breadth-first order).
   void xAddEdge(int parentId, int childId, DisplacementInterface& edge);
-  void xRemoveTemporaryFiles();
 
-  std::string dataDirectory_;
   std::map<int, std::shared_ptr<WorldObject>> nodes_;
   std::vector<Edge> edges_;
-  std::string nodesPath_;
-  std::string edgesPath_;
-  std::ofstream nodesFile_;
-  std::unique_ptr<boost::archive::xml_oarchive> nodesArchive_;
-  std::ofstream edgesFile_;
-  std::unique_ptr<boost::archive::xml_oarchive> edgesArchive_;
-  bool written_ = false;    // stopVisit wrote both elements
-  bool committed_ = false;  // the files were renamed into place
+  bool complete_ = false;
 };
 
 }  // namespace KQ

@@ -1,9 +1,16 @@
 // save, load and the archive's serialization: the records' element names and
-// order, the checks that keep a broken file from reaching the library
-// unchecked, and load's merge walk that rebuilds the tree as fixed edges.
+// order, the whole-pair commit, the checks that keep a broken file from
+// reaching the library unchecked, and load's merge walk that rebuilds the
+// tree as fixed edges.
 #include "persistence/world_archive.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
 
 #include <cerrno>
 #include <cstring>
@@ -27,6 +34,7 @@
 #include <boost/thread/locks.hpp>
 
 #include "middleware/error.h"
+#include "middleware/os.h"
 #include "persistence/archive_validator.h"
 #include "module/world_representation.h"
 #include "spatial/edge_interface.h"
@@ -102,6 +110,8 @@ namespace KQ {
 
 const char* const kNodesArchiveName = "nodes.xml";
 const char* const kEdgesArchiveName = "edges.xml";
+const char* const kArchiveCommitName = "archive.commit";
+const char* const kArchiveTemporarySuffix = ".tmp";
 
 namespace {
 
@@ -115,12 +125,21 @@ KQError loadError(const std::string& message) { return KQError("KQWorldRepresent
 // stream is marked finished before destruction (a destructor must not throw
 // on a bad trailer).
 template <class T>
-T parseArchive(const std::string& path, const std::string& text, const char* rootName) {
+T parseArchive(const std::string& path, const std::string& text, const char* rootName, ArchiveStamp* stamp) {
   T result;
   try {
     std::istringstream stream(text);
     boost::archive::xml_iarchive archive(stream, 0);
     archive >> make_nvp(rootName, result);
+    if (stamp != nullptr) {
+      *stamp = ArchiveStamp();
+      // Strings are written escaped, so the tag can only be the stamp's.
+      if (text.find("<saveId>") != std::string::npos) {
+        archive >> make_nvp("saveId", stamp->saveId);
+        archive >> make_nvp("timeS", stamp->timeS);
+        archive >> make_nvp("timeUS", stamp->timeUS);
+      }
+    }
     stream.setstate(std::ios::failbit);
   } catch (const std::bad_alloc&) {
     throw loadError(path + " is malformed: its content does not fit in memory.");
@@ -132,7 +151,151 @@ T parseArchive(const std::string& path, const std::string& text, const char* roo
   return result;
 }
 
+KQError saveError(const std::string& message) { return KQError("KQWorldRepresentation", "save", message, "", 0); }
+
+bool exists(const std::string& path) {
+  struct stat status;
+  return ::stat(path.c_str(), &status) == 0;
+}
+
+// Pushes a file's or a folder's data to the disk, so that a rename that
+// follows never makes a file visible before its content.
+bool syncPath(const std::string& path, bool directory) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | (directory ? O_DIRECTORY : 0));
+  if (fd < 0) return false;
+  const bool synced = ::fsync(fd) == 0;
+  ::close(fd);
+  return synced;
+}
+
+std::string errnoText() { return errno != 0 ? std::strerror(errno) : "unknown error"; }
+
+// Writes one archive file completely (header, record, stamp, trailer) and
+// syncs it.
+template <class Records>
+void writeArchiveFile(const std::string& path, void (*write)(boost::archive::xml_oarchive&, const Records&),
+                      const Records& records, const ArchiveStamp& stamp) {
+  errno = 0;
+  std::ofstream file(path, std::ios::out | std::ios::trunc);
+  if (!file.is_open()) throw saveError("Cannot create " + path + ": " + errnoText() + ".");
+  {
+    boost::archive::xml_oarchive archive(file, 0);
+    write(archive, records);
+    writeArchiveStamp(archive, stamp);
+  }  // the trailer is written here
+  file.close();
+  if (file.fail() || !syncPath(path, false)) throw saveError("Cannot write " + path + ".");
+}
+
+void renameOver(const std::string& from, const std::string& to) {
+  if (std::rename(from.c_str(), to.c_str()) != 0)
+    throw saveError("Cannot replace " + to + ": " + std::strerror(errno) + ".");
+}
+
+// Ends what an earlier save left: a committed pair's remaining renames, or
+// an uncommitted save's ".tmp" files.
+void finishEarlierSave(const std::string& directory) {
+  const std::string marker = directory + "/" + kArchiveCommitName;
+  const bool committed = exists(marker);
+  for (const char* name : {kNodesArchiveName, kEdgesArchiveName}) {
+    const std::string path = directory + "/" + name;
+    const std::string temporary = path + kArchiveTemporarySuffix;
+    if (!exists(temporary)) continue;
+    if (committed)
+      renameOver(temporary, path);
+    else
+      std::remove(temporary.c_str());
+  }
+  if (committed) {
+    syncPath(directory, true);
+    std::remove(marker.c_str());
+  }
+}
+
+std::mutex gWriterMutex;  // one writer of the ".tmp" files at a time
+
 }  // namespace
+
+ArchiveStamp newArchiveStamp() {
+  static std::atomic<uint64_t> lastId{0};
+  ko::os::timeval now;
+  ko::os::gettimeofday(&now);
+  ArchiveStamp stamp;
+  stamp.timeS = now.tv_sec;
+  stamp.timeUS = now.tv_usec;
+  // The microsecond of the copy, or one more than the last id when two
+  // saves meet in one microsecond (or the clock went back).
+  uint64_t id = static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_usec);
+  uint64_t last = lastId.load();
+  do {
+    if (id <= last) id = last + 1;
+  } while (!lastId.compare_exchange_weak(last, id));
+  stamp.saveId = id;
+  return stamp;
+}
+
+void writeWorldArchive(const std::string& dataDirectory, const SavedNodes& nodes, const SavedEdges& edges,
+                       const ArchiveStamp& stamp) {
+  std::lock_guard<std::mutex> writer(gWriterMutex);
+  finishEarlierSave(dataDirectory);
+  const std::string nodesPath = dataDirectory + "/" + kNodesArchiveName;
+  const std::string edgesPath = dataDirectory + "/" + kEdgesArchiveName;
+  const std::string nodesTemporary = nodesPath + kArchiveTemporarySuffix;
+  const std::string edgesTemporary = edgesPath + kArchiveTemporarySuffix;
+  const std::string marker = dataDirectory + "/" + kArchiveCommitName;
+  try {
+    writeArchiveFile(nodesTemporary, writeNodesArchive, nodes, stamp);
+    writeArchiveFile(edgesTemporary, writeEdgesArchive, edges, stamp);
+    // The commit point: the marker appears whole, by one rename.
+    const std::string markerTemporary = marker + kArchiveTemporarySuffix;
+    {
+      std::ofstream file(markerTemporary, std::ios::out | std::ios::trunc);
+      file << stamp.saveId << " " << stamp.timeS << " " << stamp.timeUS << "\n";
+      file.close();
+      if (file.fail() || !syncPath(markerTemporary, false)) throw saveError("Cannot write " + markerTemporary + ".");
+    }
+    renameOver(markerTemporary, marker);
+  } catch (...) {
+    std::remove(nodesTemporary.c_str());
+    std::remove(edgesTemporary.c_str());
+    std::remove((marker + kArchiveTemporarySuffix).c_str());
+    throw;
+  }
+  syncPath(dataDirectory, true);
+  // Committed: a failure from here on is finished by the next save, and a
+  // reader meanwhile takes the ".tmp" file the marker vouches for.
+  finishEarlierSave(dataDirectory);
+}
+
+std::optional<WorldArchive> readWorldArchive(const std::string& dataDirectory) {
+  const bool committed = exists(dataDirectory + "/" + kArchiveCommitName);
+  // A committed save's file that was not renamed yet stands in for the old one.
+  auto current = [&](const char* name) {
+    const std::string path = dataDirectory + "/" + name;
+    const std::string temporary = path + kArchiveTemporarySuffix;
+    return committed && exists(temporary) ? temporary : path;
+  };
+  const std::string nodesPath = current(kNodesArchiveName);
+  const std::string edgesPath = current(kEdgesArchiveName);
+  if (!exists(nodesPath) && !exists(edgesPath)) return std::nullopt;
+  WorldArchive archive;
+  ArchiveStamp edgesStamp;
+  const std::string edgesText = readArchiveText(edgesPath, ArchiveKind::kEdges);
+  const std::string nodesText = readArchiveText(nodesPath, ArchiveKind::kNodes);
+  archive.nodes = parseNodesArchive(nodesPath, nodesText, &archive.stamp);
+  archive.edges = parseEdgesArchive(edgesPath, edgesText, &edgesStamp);
+  if (edgesStamp.saveId != archive.stamp.saveId)
+    throw loadError(edgesPath + " is not from the save that wrote " + nodesPath + " (save " +
+                    std::to_string(edgesStamp.saveId) + ", not " + std::to_string(archive.stamp.saveId) + ").");
+  checkArchiveRecords(nodesPath, archive.nodes, edgesPath, archive.edges);
+  return archive;
+}
+
+void writeArchiveStamp(boost::archive::xml_oarchive& archive, const ArchiveStamp& stamp) {
+  archive << make_nvp("saveId", stamp.saveId);
+  archive << make_nvp("timeS", stamp.timeS);
+  archive << make_nvp("timeUS", stamp.timeUS);
+}
 
 void writeNodesArchive(boost::archive::xml_oarchive& archive, const SavedNodes& nodes) {
   archive << make_nvp("nodes", nodes);
@@ -142,7 +305,7 @@ void writeEdgesArchive(boost::archive::xml_oarchive& archive, const SavedEdges& 
   archive << make_nvp("edges", edges);
 }
 
-std::string readArchiveText(const std::string& path, ArchiveKind kind) {
+std::string readArchiveText(const std::string& path, ArchiveKind kind, bool* stamped) {
   // A missing file is named as such: the library would only report an
   // "input stream error" or an "invalid signature".
   struct stat status;
@@ -160,11 +323,11 @@ std::string readArchiveText(const std::string& path, ArchiveKind kind) {
   }
   std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   if (file.bad()) throw loadError(path + " cannot be read.");
-  checkArchiveText(path, text, kind);
+  checkArchiveText(path, text, kind, stamped);
   return text;
 }
 
-void checkArchiveText(const std::string& path, const std::string& text, ArchiveKind kind) {
+void checkArchiveText(const std::string& path, const std::string& text, ArchiveKind kind, bool* stamped) {
   const char* const blanks = " \t\r\n";
   const std::size_t first = text.find_first_not_of(blanks);
   if (first == std::string::npos) throw loadError(path + " is empty.");
@@ -173,16 +336,16 @@ void checkArchiveText(const std::string& path, const std::string& text, ArchiveK
   const std::size_t trailerLength = std::strlen(kArchiveTrailer);
   if (last + 1 < trailerLength || text.compare(last + 1 - trailerLength, trailerLength, kArchiveTrailer) != 0)
     throw loadError(path + " is truncated.");
-  const std::string fault = validateArchiveText(text, kind);
+  const std::string fault = validateArchiveText(text, kind, stamped);
   if (!fault.empty()) throw loadError(path + " is malformed: " + fault + ".");
 }
 
-SavedNodes parseNodesArchive(const std::string& path, const std::string& text) {
-  return parseArchive<SavedNodes>(path, text, "nodes");
+SavedNodes parseNodesArchive(const std::string& path, const std::string& text, ArchiveStamp* stamp) {
+  return parseArchive<SavedNodes>(path, text, "nodes", stamp);
 }
 
-SavedEdges parseEdgesArchive(const std::string& path, const std::string& text) {
-  return parseArchive<SavedEdges>(path, text, "edges");
+SavedEdges parseEdgesArchive(const std::string& path, const std::string& text, ArchiveStamp* stamp) {
+  return parseArchive<SavedEdges>(path, text, "edges", stamp);
 }
 
 void checkArchiveRecords(const std::string& nodesPath, const SavedNodes& nodes, const std::string& edgesPath,
@@ -209,10 +372,12 @@ int KQWorldRepresentation::save() {
     TryWriterLock graphLock(graphLock_);
     if (!graphLock.owns()) return 1;
     graphLock_.assertHeld();
-    SaveVisitor visitor(dataDirectory_);
+    SaveVisitor visitor;
     const int result = graph_.visitBFS(visitor, 0);
-    if (result != 0) return result;  // the visitor removes its files; the old archive stays
-    visitor.commit();
+    if (result != 0 || !visitor.complete()) return result != 0 ? result : 1;  // the old archive stays
+    // T: the copy is taken, under the lock every change of the tree holds.
+    const ArchiveStamp stamp = newArchiveStamp();
+    writeWorldArchive(dataDirectory_, visitor.getNodes(), visitor.getEdges(), stamp);
   }
   TryReaderLock categoryLock(categoryLock_);
   if (!categoryLock.owns()) return 1;  // the archives are written already
@@ -245,13 +410,10 @@ int KQWorldRepresentation::load() {
 }
 
 void KQWorldRepresentation::xLoadGraph() {
-  const std::string edgesPath = dataDirectory_ + "/" + kEdgesArchiveName;
-  const std::string nodesPath = dataDirectory_ + "/" + kNodesArchiveName;
-  const std::string edgesText = readArchiveText(edgesPath, ArchiveKind::kEdges);
-  const std::string nodesText = readArchiveText(nodesPath, ArchiveKind::kNodes);
-  const SavedNodes nodes = parseNodesArchive(nodesPath, nodesText);
-  const SavedEdges edges = parseEdgesArchive(edgesPath, edgesText);
-  checkArchiveRecords(nodesPath, nodes, edgesPath, edges);
+  const std::optional<WorldArchive> archive = readWorldArchive(dataDirectory_);
+  if (!archive) throw loadError(dataDirectory_ + "/" + kEdgesArchiveName + " does not exist.");
+  const SavedNodes& nodes = archive->nodes;
+  const SavedEdges& edges = archive->edges;
 
   const std::shared_ptr<WorldObject>& root = nodes.at(0);
   graph_.setNodeData(0, root);

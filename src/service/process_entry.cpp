@@ -38,6 +38,7 @@
 #include "middleware/net/rpc_server.h"
 #include "middleware/path.h"
 #include "middleware/value.h"
+#include "module/world_representation.h"
 #include "storage/database_manager.h"
 
 namespace KQTools {
@@ -62,6 +63,8 @@ struct ProcessOptions {
   std::size_t maxMessageBytes = 1 << 20;
   KQ::net::RpcServerOptions server;  // the budgets of the network front
   int sqlTimeoutMs = 2000;
+  bool restore = false;
+  int autosaveSeconds = 0;
   std::string webRoot;  // empty: KQ_WEB_ROOT, else the sources' web/ folder
   bool help = false;
 };
@@ -131,6 +134,11 @@ std::string usage(const std::string& processName, const std::string& component) 
       << "                       1024)\n"
       << "  --sql-timeout-ms MS  deadline of a statement holding caller text (select,\n"
       << "                       update, delete conditions; default 2000)\n"
+      << "  --restore            rebuild the world from the data folder at start: the\n"
+      << "                       objects of the last archive and of the category\n"
+      << "                       databases, the newer of the two for each object\n"
+      << "  --autosave SECONDS   also save the world every SECONDS on a thread of its\n"
+      << "                       own (default 0: only on stop and on request)\n"
       << "  --web-root DIR       folder of the viewer served at GET / (default KQ_WEB_ROOT,\n"
       << "                       else the web/ folder of the sources it was built from)\n"
       << "  --help               print this help and exit\n"
@@ -246,6 +254,14 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (!parseUnsigned(text, 3600000, number) || number == 0)
         bad("Option --sql-timeout-ms needs a positive number of milliseconds up to 3600000, not " + text);
       options.sqlTimeoutMs = static_cast<int>(number);
+    } else if (name == "--restore") {
+      noValue();
+      options.restore = true;
+    } else if (name == "--autosave") {
+      const std::string text = value();
+      if (!parseUnsigned(text, 86400, number))
+        bad("Option --autosave needs a number of seconds from 0 to 86400, not " + text);
+      options.autosaveSeconds = static_cast<int>(number);
     } else if (name == "--web-root") {
       options.webRoot = value();
       if (options.webRoot.empty()) bad("Option --web-root needs a folder");
@@ -508,6 +524,7 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
       motion->initModule();
       motion->init();
     }
+    KQ::KQWorldRepresentation::setStartOptions({options.restore, options.autosaveSeconds});
     createModule(broker);
   } catch (const std::exception& e) {
     failAfterStart(processName, broker, std::string("Cannot start the modules: ") + e.what());

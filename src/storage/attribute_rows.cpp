@@ -124,4 +124,25 @@ bool readStoredPose(const KQValue& row, StoredPose& out) {
   return true;
 }
 
+std::string latestPositionsQuery() {
+  return "SELECT \"ObjectName\", \"TimeS\", \"TimeUS\", \"ParentName\", \"QuatW\", \"QuatX\", \"QuatY\", "
+         "\"QuatZ\", \"X\", \"Y\", \"Z\", max(\"TimeS\" * 1000000 + \"TimeUS\") FROM \"positions\" "
+         "GROUP BY \"ObjectName\"";
+}
+
+std::string displayedObjectsQuery() { return "SELECT DISTINCT \"ObjectName\" FROM \"Display\""; }
+
+bool readLatestPosition(const KQValue& row, LatestPosition& out) {
+  StoredPose pose;
+  if (!readStoredPose(row, pose) || !row[0].isString() || !row[kPoseColumn - 1].isString() || !row[2].isInt())
+    return false;
+  out.objectName = row[0].toString();
+  out.parentName = row[kPoseColumn - 1].toString();
+  out.timeS = pose.timeS;
+  out.timeUS = row[2].toInt();
+  out.quaternion = pose.rotation.toVector();
+  out.translation = pose.translation.toVector();
+  return true;
+}
+
 }  // namespace KQ

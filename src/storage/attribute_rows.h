@@ -13,6 +13,7 @@
 #ifndef KQ_STORAGE_ATTRIBUTE_ROWS_H_
 #define KQ_STORAGE_ATTRIBUTE_ROWS_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,27 @@ struct StoredPose {
 // non-number (NULL, text a caller stored) where a number belongs. Ints read
 // as floats.
 bool readStoredPose(const KQValue& row, StoredPose& out);
+
+// The statement that reads each object's latest "positions" row, as "*"
+// rows (the newest by TimeS, TimeUS; SQLite takes the bare columns from the
+// row that holds the max).
+std::string latestPositionsQuery();
+// The statement that lists the objects with at least one "Display" row.
+std::string displayedObjectsQuery();
+
+// A latest "positions" row read back whole.
+struct LatestPosition {
+  std::string objectName;
+  std::string parentName;
+  int64_t timeS = 0;
+  int64_t timeUS = 0;
+  std::vector<float> quaternion;   // w, x, y, z
+  std::vector<float> translation;  // x, y, z, metres in the parent's frame
+};
+
+// Reads a row of latestPositionsQuery; false as readStoredPose, or when the
+// names are not text.
+bool readLatestPosition(const KQValue& row, LatestPosition& out);
 
 }  // namespace KQ
 

@@ -88,6 +88,41 @@ void KQWorldRepresentation::xAddDisplayToCategory(const std::string& category) {
   xAddAttributeToCategory(category, displayAttributeName_, displayFieldList());
 }
 
+void KQWorldRepresentation::xReopenCategories() {
+  std::vector<std::string> paths;
+  std::vector<std::string> names;
+  if (findDatabases(dataDirectory_, paths, names) != 0) {
+    KQWR_ERROR("restore") << "Could not read the data directory " << dataDirectory_;
+    return;
+  }
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const std::string& category = names[i];
+    if (categories_.count(category) == 0) {  // the built-in ones are open already
+      KQWR_VERBOSE("restore") << "Reopening " << category;
+      KQDatabaseManager& database = databases_[category];
+      database = KQDatabaseManager(paths[i], true);
+      database.load();
+      categories_[category] = std::make_shared<ObjectCategory>(category);
+      xAddPositionsToCategory(category);
+      xAddDisplayToCategory(category);
+    }
+    // Every other table is an attribute: its columns after the special ones
+    // are the fields a caller gave.
+    const std::shared_ptr<ObjectCategory>& description = categories_[category];
+    int status = 0;
+    for (const auto& table : databases_[category].describeTables(&status)) {
+      if (description->hasAttribute(table.first)) continue;
+      KQValue fields;
+      fields.arraySetSize(0);
+      for (int column = 3; column < table.second.getSize(); ++column) fields.arrayPush(table.second[column]);
+      xAddAttributeToCategory(category, table.first, fields);
+    }
+    if (status != 0) {
+      KQWR_ERROR("restore") << "Could not read the tables of " << paths[i];
+    }
+  }
+}
+
 int KQWorldRepresentation::xLoadDatabases() {
   databases_.clear();
   std::vector<std::string> paths;

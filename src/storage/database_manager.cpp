@@ -722,6 +722,56 @@ KQValue KQDatabaseManager::xQuery(const std::string& sql, const char* function) 
   return result;
 }
 
+KQValue KQDatabaseManager::readAll(const std::string& sql, int* status) const {
+  *status = SQLITE_MISUSE;
+  if (!xReady("readAll")) return emptyArray();
+  CachedStatement stmt(*connection_, sql, "readAll");
+  *status = stmt.status();
+  if (*status != SQLITE_OK) return emptyArray();
+  if (!sqlite3_stmt_readonly(stmt.get())) {
+    *status = SQLITE_MISUSE;
+    return emptyArray();
+  }
+  const int columnCount = sqlite3_column_count(stmt.get());
+  std::vector<KQValue> rows;
+  int rc;
+  while ((rc = stmt.step()) == SQLITE_ROW) {
+    KQValue row;
+    row.arraySetSize(columnCount);
+    for (int i = 0; i < columnCount; ++i) row[i] = readColumn(stmt.get(), i);
+    rows.push_back(std::move(row));
+  }
+  *status = rc == SQLITE_DONE ? SQLITE_OK : rc;
+  if (*status != SQLITE_OK) return emptyArray();
+  KQValue result;
+  result.arraySetSize(static_cast<int>(rows.size()));
+  for (std::size_t i = 0; i < rows.size(); ++i) result[static_cast<int>(i)] = std::move(rows[i]);
+  return result;
+}
+
+std::vector<std::pair<std::string, KQValue>> KQDatabaseManager::describeTables(int* status) const {
+  std::vector<std::pair<std::string, KQValue>> tables;
+  *status = SQLITE_MISUSE;
+  if (!xReady("describeTables")) return tables;
+  for (const std::string& table : xTableNames(status)) {
+    if (*status != SQLITE_OK) break;
+    const KQValue info = readAll("PRAGMA table_info(" + quoteSqlIdentifier(table) + ")", status);
+    if (*status != SQLITE_OK) break;
+    // table_info rows: cid, name, type, notnull, dflt_value, pk.
+    KQValue columns;
+    columns.arraySetSize(0);
+    for (int i = 0; i < info.getSize(); ++i) {
+      KQValue column;
+      column.arraySetSize(2);
+      column[0] = info[i][1];
+      column[1] = info[i][2];
+      columns.arrayPush(column);
+    }
+    tables.emplace_back(table, columns);
+  }
+  return tables;
+}
+
 int KQDatabaseManager::resetDatabase() {
   if (!xReady("resetDatabase")) return 1;
   return xInTransaction("resetDatabase", [this]() {

@@ -37,6 +37,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "middleware/value.h"
@@ -74,6 +75,14 @@ class KQDatabaseManager {
   // Runs `work` (a few writes) atomically: inside the open transaction if
   // there is one (nothing is committed early), else in one of its own.
   int inTransaction(const std::function<int()>& work);
+
+  // The module's own reads, never caller text: every row of `sql` (one
+  // read-only statement), typed as select's, without select's deadline or
+  // byte cap (start-up reads whole tables). `status` gets SQLite's code.
+  KQValue readAll(const std::string& sql, int* status) const;
+  // Each table of this database with its columns as [[name, declared type], ...],
+  // in column order; tables by name.
+  std::vector<std::pair<std::string, KQValue>> describeTables(int* status) const;
 
   // Milliseconds a statement holding caller text (select, update, delete)
   // may run before it is interrupted (default 2000).

@@ -184,18 +184,23 @@ TEST_F(WorldArchiveTest, SaveAndLoadNeverWaitForABusyGraph) {
   EXPECT_TRUE(world().findObject("saucer"));
 }
 
-TEST_F(WorldArchiveTest, ASaveCutShortBeforeItsRenameLeavesThePreviousArchive) {
-  ASSERT_EQ(0, world().save());
-  const std::string before = readFile(nodesPath()) + readFile(edgesPath());
-  KQSceneGraph graph;
-  graph.setNodeData(0, frame("Elsewhere"));
-  {
-    SaveVisitor visitor(dataDir());  // walked, then dropped without its commit, as a crash leaves it
-    ASSERT_EQ(0, graph.visitBFS(visitor, 0));
-    EXPECT_TRUE(fileExists(nodesPath() + ".tmp"));
-  }
-  EXPECT_EQ(before, readFile(nodesPath()) + readFile(edgesPath()));
-  EXPECT_FALSE(fileExists(nodesPath() + ".tmp") || fileExists(edgesPath() + ".tmp"));
+// A crash at any moment of a save leaves one whole pair: the previous before the commit marker, the new after.
+TEST_F(WorldArchiveTest, AHalfWrittenPairReadsAsOneWholeSave) {
+  const ArchiveStamp oldSave = newArchiveStamp(), newSave = newArchiveStamp();
+  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("b")}}, {edge(0, "World", 1, "b")}, newSave);
+  const std::string newNodes = readFile(nodesPath()), newEdges = readFile(edgesPath());
+  writeWorldArchive(dataDir(), {{0, frame("World")}, {1, frame("a")}}, {edge(0, "World", 1, "a")}, oldSave);
+  writeFile(nodesPath() + ".tmp", newNodes);  // Case: written, not committed.
+  writeFile(edgesPath() + ".tmp", newEdges);
+  EXPECT_EQ("a", readWorldArchive(dataDir())->edges[0].childName);
+  writeFile(dataDir() + "/archive.commit", "");  // Case: committed, nodes.xml renamed, edges.xml not yet.
+  std::rename((nodesPath() + ".tmp").c_str(), nodesPath().c_str());
+  EXPECT_EQ(newSave.saveId, readWorldArchive(dataDir())->stamp.saveId);
+  EXPECT_EQ("b", readWorldArchive(dataDir())->edges[0].childName);
+  std::remove((dataDir() + "/archive.commit").c_str());  // Case: two saves' files, no commit: broken.
+  EXPECT_EQ("KQWorldRepresentation.load: " + edgesPath() + " is not from the save that wrote " + nodesPath() +
+                " (save " + std::to_string(oldSave.saveId) + ", not " + std::to_string(newSave.saveId) + ").",
+            errorOf([&] { readWorldArchive(dataDir()); }));
 }
 
 }  // namespace
