@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build, the service and the tests need,
-# only those that are missing. Run as root (or with sudo available).
+# only those that are missing, then the viewer's npm packages (npm ci in
+# web/). Run as root (or with sudo available).
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 PACKAGES=(
   build-essential cmake pkg-config
@@ -13,6 +15,15 @@ PACKAGES=(
   clang libclang-rt-14-dev gcovr
   libtf2-dev libhiredis-dev redis-server
 )
+# The viewer's and its tests' tools: Node and npm from Debian only when no
+# npm is installed (another Node's npm conflicts with Debian's package), and
+# Debian's chromium for the browser test (never a downloaded browser).
+if ! command -v npm >/dev/null 2>&1; then
+  PACKAGES+=(nodejs npm)
+fi
+if [ ! -x /usr/bin/chromium ]; then
+  PACKAGES+=(chromium)
+fi
 
 missing=()
 for package in "${PACKAGES[@]}"; do
@@ -21,15 +32,19 @@ for package in "${PACKAGES[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing missing packages: ${missing[*]}"
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then
+    SUDO="sudo"
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-echo "Installing missing packages: ${missing[*]}"
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then
-  SUDO="sudo"
+# three.js (served by the viewer) and the test clients, as pinned by
+# web/package-lock.json; no browser download, Debian's chromium is used.
+if [ ! -d web/node_modules ] || [ web/package-lock.json -nt web/node_modules/.package-lock.json ]; then
+  (cd web && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --no-audit --no-fund)
 fi
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -51,12 +51,12 @@ status=0
     ctest --output-on-failure -j "$JOBS" --timeout 900 ${CTEST_ARGS:-}
   else
     # Only the chosen suites' tests (the others show as *_NOT_BUILT); the
-    # service binary among the targets brings the end-to-end tests (they also
+    # service binary among the targets brings the end-to-end and web tests (they also
     # need the kq client built).
     regex=""
     for target in "${targets[@]}"; do
       if [ "$target" = kqworldrepresentation ]; then
-        regex="$regex|^e2e_"
+        regex="$regex|^e2e_|^web_"
         continue
       fi
       [[ "$target" == *_tests ]] || continue

@@ -67,6 +67,7 @@ struct ProcessOptions {
   bool restore = false;
   int autosaveSeconds = 0;
   std::vector<std::string> libraries;  // --load, in command-line order
+  std::string webRoot;  // empty: KQ_WEB_ROOT, else the sources' web/ folder
   bool help = false;
 };
 
@@ -148,6 +149,8 @@ std::string usage(const std::string& processName, const std::string& component, 
       << "  --load LIBRARY       load a module library at start and call its\n"
       << "                       _createModule (repeatable, in order; at stop its\n"
       << "                       _closeModule); only from the command line\n"
+      << "  --web-root DIR       folder of the viewer served at GET / (default KQ_WEB_ROOT,\n"
+      << "                       else the web/ folder of the sources it was built from)\n"
       << "  --help               print this help and exit\n"
       << "\n"
       << "Environment: KQ_TOKEN is the token when neither --token nor --token-file is\n"
@@ -272,11 +275,22 @@ ProcessOptions parseOptions(const std::string& processName, int argc, char* argv
       if (!parseUnsigned(text, 86400, number))
         bad("Option --autosave needs a number of seconds from 0 to 86400, not " + text);
       options.autosaveSeconds = static_cast<int>(number);
+    } else if (name == "--web-root") {
+      options.webRoot = value();
+      if (options.webRoot.empty()) bad("Option --web-root needs a folder");
     } else {
       bad("Unknown option " + args[i]);
     }
   }
   return options;
+}
+
+// --web-root, else KQ_WEB_ROOT, else the web/ folder of the sources (set
+// by CMake), so the viewer works whatever the working directory.
+std::string webRootOf(const ProcessOptions& options) {
+  if (!options.webRoot.empty()) return options.webRoot;
+  if (const char* fromEnv = std::getenv("KQ_WEB_ROOT"); fromEnv && *fromEnv) return fromEnv;
+  return KQ_DEFAULT_WEB_ROOT;
 }
 
 // --token wins over --token-file, which wins over KQ_TOKEN.
@@ -550,6 +564,7 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
   serverOptions.port = options.port;
   serverOptions.token = token;
   serverOptions.maxMessageBytes = options.maxMessageBytes;
+  serverOptions.webRoot = webRootOf(options);
   KQ::net::RpcServer server(broker, serverOptions);
   try {
     server.start();
@@ -557,7 +572,9 @@ int mainFunction(const std::string& processName, int argc, char* argv[],
     failAfterStart(processName, broker, e.what());
   }
   KO_LOG(ko::log::info, processName, "", "mainFunction", 0)
-      << "Listening on " << options.host << ":" << server.port() << " (HTTP POST /rpc, WebSocket /ws), data in "
+      << "Listening on " << options.host << ":" << server.port()
+      << " (HTTP POST /rpc, WebSocket /ws and /foxglove, viewer at http://" << options.host << ":" << server.port()
+      << "/), data in "
       << dataFolder << (options.parentUrl.empty() ? std::string() : ", parent " + options.parentUrl)
       << (options.memoryUrl.empty() ? std::string() : ", memory " + options.memoryUrl + " under " + options.memoryPrefix);
 

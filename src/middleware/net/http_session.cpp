@@ -10,6 +10,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include "middleware/net/foxglove_session.h"
+#include "middleware/net/static_files.h"
 #include "middleware/net/websocket_session.h"
 
 namespace KQ {
@@ -175,18 +177,22 @@ void HttpSession::onHeader() {
   if (originField != request.end()) origin = view(originField->value());
   if (!guard_.originAllowed(originField != request.end() ? &origin : nullptr))
     return refuse(http::status::forbidden, "Requests from another site's page are refused.");
+  const std::string_view path = targetPath(view(request.target()));
+  // The viewer's files hold no world data and a browser cannot put the token
+  // on the scripts a page imports: they are served without it (the page
+  // passes the token of its own address on to its WebSocket).
+  if (StaticFiles::handles(path) && request.method() == http::verb::get) return serveStatic(path);
   if (!guard_.authorized(view(request[http::field::authorization]), view(request.target())))
     return refuse(http::status::unauthorized, "A valid token is required.");
 
-  const std::string_view path = targetPath(view(request.target()));
-  if (path == "/ws") {
+  if (path == "/ws" || path == "/foxglove") {
     if (!beast::websocket::is_upgrade(request))
-      return refuse(http::status::bad_request, "GET /ws expects a WebSocket upgrade.");
+      return refuse(http::status::bad_request, "GET " + std::string(path) + " expects a WebSocket upgrade.");
     // An upgrade has no body; one that declares one would be read into
     // memory before the handshake.
     if (parser_->chunked() || parser_->content_length() || !parser_->is_done())
       return refuse(http::status::bad_request, "A WebSocket upgrade has no body.");
-    return upgrade();
+    return upgrade(path == "/foxglove");
   }
   if (path != "/rpc") return refuse(http::status::not_found, "Not found: use POST /rpc or GET /ws.");
   if (request.method() != http::verb::post) {
@@ -256,9 +262,30 @@ void HttpSession::onBody() {
   if (!posted) close();
 }
 
-void HttpSession::upgrade() {
+void HttpSession::serveStatic(std::string_view path) {
+  const auto& request = parser_->get();
+  // A GET that came with a body (never read) ends the connection after the
+  // answer, like any refusal.
+  const bool bodyLeft = !parser_->is_done();
+  // Read here, on the I/O thread: a few small files, from a local folder.
+  const auto file = StaticFiles(context_.options.webRoot).find(path);
+  if (!file) return refuse(http::status::not_found, "Not found.", bodyLeft);
+  auto response = std::make_shared<Response>(http::status::ok, request.version());
+  response->set(http::field::content_type, file->contentType);
+  response->set(http::field::cache_control, "no-cache");
+  response->body() = file->body;
+  response->keep_alive(request.keep_alive() && !bodyLeft);
+  response->prepare_payload();
+  send(std::move(response));
+}
+
+void HttpSession::upgrade(bool foxglove) {
   closed_ = true;  // the socket now belongs to the WebSocket session
   stream_.expires_never();
+  if (foxglove) {
+    auto session = std::make_shared<FoxgloveSession>(std::move(stream_), context_, std::move(connectionShare_));
+    return session->run(parser_->release());
+  }
   auto session = std::make_shared<WebSocketSession>(std::move(stream_), context_, std::move(connectionShare_));
   session->run(parser_->release());
 }

@@ -1,7 +1,8 @@
 // HttpSession: one HTTP/1.1 connection to the RPC server. Reads each request
 // header first and judges it (Origin 403, token 401, path 404/405, content
 // type 415, declared size 413) before reading any body; runs POST /rpc bodies
-// on the worker pool; hands GET /ws upgrades to a WebSocketSession.
+// on the worker pool; hands GET /ws upgrades to a WebSocketSession and GET /foxglove ones to a
+// FoxgloveSession; serves the viewer's files at GET / (StaticFiles).
 //
 // Reading is done here, byte counts in hand, rather than by Beast's read
 // loops: the header bytes of a request are counted across reads (Beast's
@@ -27,6 +28,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -59,7 +61,10 @@ class HttpSession : public Connection, public std::enable_shared_from_this<HttpS
   void onHeader();
   void readBody();
   void onBody();
-  void upgrade();
+  // GET / and the viewer's files (StaticFiles), answered without the token.
+  void serveStatic(std::string_view path);
+  // Hands the socket to a WebSocketSession (/ws) or a FoxgloveSession (/foxglove).
+  void upgrade(bool foxglove);
   // A plain-text answer; closes the connection after it when closeAfter.
   void refuse(boost::beast::http::status status, const std::string& text, bool closeAfter = true);
   void send(std::shared_ptr<Response> response);

@@ -68,6 +68,7 @@ struct RpcServerOptions {
   // "<Module>.<method>" names that take no module lock ("broker.*" and
   // "KQMemory.*" always do).
   std::vector<std::string> lockFreeMethods{"KQWorldRepresentation.getRootName"};
+  std::string webRoot;                // the viewer's folder (GET /); empty: no viewer
 };
 
 class RpcServer {
