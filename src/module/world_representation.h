@@ -28,9 +28,8 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
-
-#include <memory>
 
 #include "middleware/module.h"
 #include "middleware/os.h"
@@ -174,9 +173,14 @@ class KQWorldRepresentation : public KQModule {
       REQUIRES(objectLock_) EXCLUDES(graphLock_, categoryLock_);
 
   // --- positions.
-  // Exclusive graph lock: live robot edges refresh their cached transforms.
+  // Present-time queries read under the graph lock held shared: live robot
+  // edges guard their refreshed transforms with a mutex of their own, as
+  // they do for queries of the past. A failed query logs and leaves the
+  // lists empty (false and the pose untouched for xComposePosition).
+  bool xComposePosition(const std::string& first, const std::string& second, Math::Quaternion& rotation,
+                        Math::Position3D& translation) const REQUIRES_SHARED(objectLock_, graphLock_);
   void xGetPosition(const std::string& first, const std::string& second, std::vector<float>& quaternionOut,
-                    std::vector<float>& translationOut) REQUIRES_SHARED(objectLock_) REQUIRES(graphLock_);
+                    std::vector<float>& translationOut) REQUIRES_SHARED(objectLock_, graphLock_);
   // Takes the joint lock (shared), then graph and category exclusively.
   int xUpdatePosition(const std::string& name, const std::vector<float>& position, bool save)
       REQUIRES_SHARED(objectLock_) EXCLUDES(jointLock_, graphLock_, categoryLock_);
@@ -220,7 +224,8 @@ class KQWorldRepresentation : public KQModule {
   std::string dataDirectory_;
   std::map<std::string, KQDatabaseManager> databases_ GUARDED_BY(categoryLock_);
   mutable KQSharedMutex objectLock_;
-  std::map<std::string, int> objects_ GUARDED_BY(objectLock_);
+  // Hashed: two look-ups per pose query; nothing needs the names in order.
+  std::unordered_map<std::string, int> objects_ GUARDED_BY(objectLock_);
   mutable KQSharedMutex graphLock_;
   mutable KQSharedMutex categoryLock_;
   std::shared_ptr<KQMotionProxy> motionProxy_;

@@ -27,16 +27,6 @@ const WorldObject* objectOf(const std::shared_ptr<GraphNodeData>& data) {
   return dynamic_cast<const WorldObject*>(data.get());
 }
 
-// [quaternion list, translation list], the pose form that crosses the
-// method boundary.
-KQValue poseValue(const std::vector<float>& quaternion, const std::vector<float>& translation) {
-  KQValue pose;
-  pose.arraySetSize(2);
-  pose[0] = KQValue(quaternion);
-  pose[1] = KQValue(translation);
-  return pose;
-}
-
 }  // namespace
 
 int KQWorldRepresentation::updatePosition(const std::string& name, const std::vector<float>& position,
@@ -125,7 +115,7 @@ int KQWorldRepresentation::updatePositionWithReference(const std::string& name, 
   std::vector<float> referenceInParentQ;
   std::vector<float> referenceInParentT;
   {
-    WriterLock graphLock(graphLock_);
+    ReaderLock graphLock(graphLock_);
     xGetPosition(parent, reference, referenceInParentQ, referenceInParentT);
   }
 
@@ -142,55 +132,81 @@ int KQWorldRepresentation::updatePositionWithReference(const std::string& name, 
   return xUpdatePosition(name, objectInParent.toVector(), save);
 }
 
-void KQWorldRepresentation::xGetPosition(const std::string& first, const std::string& second,
-                                         std::vector<float>& quaternionOut, std::vector<float>& translationOut) {
-  quaternionOut.clear();
-  translationOut.clear();
+bool KQWorldRepresentation::xComposePosition(const std::string& first, const std::string& second,
+                                             Math::Quaternion& rotation, Math::Position3D& translation) const {
   const int firstId = xFindNodeId(first);
   if (firstId < 0) {
     KQWR_WARNING("xGetPosition") << "Cannot find reference";
-    return;
+    return false;
   }
   const int secondId = xFindNodeId(second);
   if (secondId < 0) {
     KQWR_WARNING("xGetPosition") << "Cannot find target";
-    return;
+    return false;
   }
   PathVisitor visitor;
-  const int result = graph_.visitPath(visitor, firstId, secondId);
+  const int result = visitor.walk(graph_, firstId, secondId);
   if (result != 0) {
     KQWR_WARNING("xGetPosition") << "Cannot get displacement: " << graph_.getErrorMessage(result);
-    return;
+    return false;
   }
-  visitor.getDisplacement(quaternionOut, translationOut);
+  rotation = visitor.getQuaternion();
+  translation = visitor.getTranslation();
+  return true;
+}
+
+void KQWorldRepresentation::xGetPosition(const std::string& first, const std::string& second,
+                                         std::vector<float>& quaternionOut, std::vector<float>& translationOut) {
+  quaternionOut.clear();
+  translationOut.clear();
+  Math::Quaternion rotation;
+  Math::Position3D translation;
+  if (!xComposePosition(first, second, rotation, translation)) return;
+  quaternionOut = rotation.toVector();
+  translationOut = translation.toVector();
 }
 
 KQValue KQWorldRepresentation::getPosition(const std::string& first, const std::string& second) {
-  std::vector<float> quaternion;
-  std::vector<float> translation;
+  Math::Quaternion rotation;
+  Math::Position3D translation;
+  bool found;
   {
     ReaderLock objectLock(objectLock_);
-    // Exclusive although it only reads: live robot edges refresh their
-    // cached transforms when evaluated.
-    WriterLock graphLock(graphLock_);
-    xGetPosition(first, second, quaternion, translation);
+    ReaderLock graphLock(graphLock_);
+    found = xComposePosition(first, second, rotation, translation);
   }
-  return poseValue(quaternion, translation);
+  // Built in place, three allocations: this is the answer of the most
+  // frequent call. A failed query answers two empty lists.
+  std::vector<KQValue> rotationList;
+  std::vector<KQValue> translationList;
+  if (found) {
+    rotationList.reserve(4);
+    for (float value : {rotation.w, rotation.x, rotation.y, rotation.z}) rotationList.emplace_back(value);
+    translationList.reserve(3);
+    for (float value : {translation.x, translation.y, translation.z}) translationList.emplace_back(value);
+  }
+  std::vector<KQValue> pose;
+  pose.reserve(2);
+  pose.emplace_back(std::move(rotationList));
+  pose.emplace_back(std::move(translationList));
+  return KQValue(std::move(pose));
 }
 
 std::vector<float> KQWorldRepresentation::getPosition6D(const std::string& first, const std::string& second) {
   // The same locks and walk as getPosition, without the round trip through
-  // a KQValue. After a failed query both lists are empty, which convert to
-  // the identity: 6 zeros.
-  std::vector<float> quaternion;
-  std::vector<float> translation;
+  // a KQValue. After a failed query the pose is the identity: 6 zeros.
+  Math::Quaternion rotation;
+  Math::Position3D translation;
   {
     ReaderLock objectLock(objectLock_);
-    WriterLock graphLock(graphLock_);
-    xGetPosition(first, second, quaternion, translation);
+    ReaderLock graphLock(graphLock_);
+    if (!xComposePosition(first, second, rotation, translation)) {
+      rotation = Math::Quaternion();
+      translation = Math::Position3D();
+    }
   }
   Math::Position6D pose;
-  quaternionTranslationToPosition6D(Math::Quaternion(quaternion), Math::Position3D(translation), pose);
+  quaternionTranslationToPosition6D(rotation, translation, pose);
   return pose.toVector();
 }
 
