@@ -17,7 +17,10 @@
 // last in clearObject and addJoint. No thread takes a lock it already holds:
 // where one public operation needs another under a held lock it calls the
 // private x... form, which assumes its locks and says which. save and load
-// only try their locks and answer 1 when one is busy.
+// only try their locks and answer 1 when one is busy; both first try
+// saveMutex_, which keeps the archive files to one of them at a time (save
+// holds the graph and category locks, shared, only while it copies the
+// tree, and writes the files after releasing them).
 #ifndef KQ_MODULE_WORLD_REPRESENTATION_H_
 #define KQ_MODULE_WORLD_REPRESENTATION_H_
 
@@ -238,6 +241,7 @@ class KQWorldRepresentation : public KQModule {
   std::condition_variable runningCondition_;
   std::mutex runningMutex_;
   std::mutex stopMutex_;
+  std::mutex saveMutex_;  // held by save for its whole run and by load; taken before any other lock
   std::condition_variable stopCondition_;  // wakes the watcher's sleep at a stop
   const std::string displayAttributeName_;
 };

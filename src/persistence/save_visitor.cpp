@@ -111,13 +111,30 @@ void SaveVisitor::stopVisit() {
     auto child = nodes_.find(edge.childId);
     edge.childName = (child != nodes_.end() && child->second) ? child->second->getName() : std::string();
   }
-  writeNodesArchive(*nodesArchive_, nodes_);
-  writeEdgesArchive(*edgesArchive_, edges_);
   written_ = true;
+}
+
+void SaveVisitor::takeCategories() {
+  for (const auto& node : nodes_) {
+    if (!node.second || !node.second->getCategory()) continue;
+    std::shared_ptr<ObjectCategory>& copy = categoryCopies_[node.second->getCategory().get()];
+    if (!copy) copy = std::make_shared<ObjectCategory>(*node.second->getCategory());
+  }
 }
 
 void SaveVisitor::commit() {
   if (!written_) throw saveError("The world archive was not written: the walk of the scene graph did not finish.");
+  if (!categoryCopies_.empty()) {
+    // Objects are immutable but their categories are not: each object is
+    // written as a new one on the category copied with the tree.
+    for (auto& node : nodes_) {
+      if (!node.second || !node.second->getCategory()) continue;
+      node.second = std::make_shared<WorldObject>(node.second->getName(),
+                                                  categoryCopies_.at(node.second->getCategory().get()));
+    }
+  }
+  writeNodesArchive(*nodesArchive_, nodes_);
+  writeEdgesArchive(*edgesArchive_, edges_);
   // Destroying an archive writes its trailer.
   nodesArchive_.reset();
   edgesArchive_.reset();

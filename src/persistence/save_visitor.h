@@ -1,8 +1,15 @@
 // SaveVisitor: one breadth-first walk of the scene graph from the root that
-// writes the world archive: every node's WorldObject into "nodes.xml" (the map
-// node id -> object) and every down edge into "edges.xml" (parent, child and
-// the child's pose in the parent's frame, read at save time, so a live edge
-// is written with the pose it has now).
+// copies the tree, then writes the world archive from that copy: every
+// node's WorldObject into "nodes.xml" (the map node id -> object) and every
+// down edge into "edges.xml" (parent, child and the child's pose in the
+// parent's frame, read during the walk, so a live edge is written with the
+// pose it had then).
+//
+// The walk only copies (ids, names, poses, the objects' shared pointers);
+// takeCategories() copies the categories the objects point to (categories
+// change in place when an attribute is added), and commit() writes both
+// archives from the copy: so the world's locks are held for the walk and the
+// category copy only, and the files hold exactly the tree at that moment.
 //
 // Invariants it owns: each archive is written to "<file>.tmp" in the data
 // directory and only renamed over the real file by commit(), after its
@@ -10,8 +17,10 @@
 // successful commit() removes its temporary files, so the previous archive
 // files stay untouched (a crash leaves either the old or the new file).
 //
-// Threading: one visitor per save, used by the saving thread only; the
-// walk runs under the graph lock held exclusively (the caller holds it).
+// Threading: one visitor per save, used by the saving thread only; the walk
+// runs under the graph lock (shared is enough: live edges guard their own
+// refresh) and takeCategories under the category lock, both held by the
+// caller; commit needs no lock.
 #ifndef KQ_PERSISTENCE_SAVE_VISITOR_H_
 #define KQ_PERSISTENCE_SAVE_VISITOR_H_
 
@@ -25,6 +34,7 @@
 #include "middleware/math.h"
 #include "spatial/graph_visitor.h"
 
+class ObjectCategory;
 class WorldObject;
 
 namespace boost {
@@ -66,10 +76,15 @@ class SaveVisitor : public GraphVisitor {
   void onDownEdge(int parentId, int childId, KQMotionDisplacement& edge) override;
   void onDownEdge(int parentId, int childId, KQOdometryDisplacement& edge) override;
 
-  // Writes the trailers, closes both files and renames them over
-  // "nodes.xml" and "edges.xml" (nodes first). Only after stopVisit wrote
-  // both elements; otherwise, or when a file could not be written, throws
-  // KQError and leaves the previous files as they were.
+  // Copies each category the walked objects point to, once; commit then
+  // writes the objects with these copies.
+  void takeCategories();
+
+  // Writes both elements from the copied tree, the trailers, closes both
+  // files and renames them over "nodes.xml" and "edges.xml" (nodes first).
+  // Only after the walk finished (stopVisit); otherwise, or when a file
+  // could not be written, throws KQError and leaves the previous files as
+  // they were.
   void commit();
 
   const std::map<int, std::shared_ptr<WorldObject>>& getNodes() const { return nodes_; }
@@ -90,7 +105,8 @@ class SaveVisitor : public GraphVisitor {
   std::unique_ptr<boost::archive::xml_oarchive> nodesArchive_;
   std::ofstream edgesFile_;
   std::unique_ptr<boost::archive::xml_oarchive> edgesArchive_;
-  bool written_ = false;    // stopVisit wrote both elements
+  std::map<const ObjectCategory*, std::shared_ptr<ObjectCategory>> categoryCopies_;  // by the original
+  bool written_ = false;    // the walk finished: the copy is complete
   bool committed_ = false;  // the files were renamed into place
 };
 

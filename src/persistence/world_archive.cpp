@@ -25,6 +25,7 @@
 #include <boost/serialization/utility.hpp>
 #include <boost/serialization/vector.hpp>
 #include <boost/thread/locks.hpp>
+#include <mutex>
 
 #include "middleware/error.h"
 #include "persistence/archive_validator.h"
@@ -203,17 +204,26 @@ void checkArchiveRecords(const std::string& nodesPath, const SavedNodes& nodes, 
 // The module's members.
 
 int KQWorldRepresentation::save() {
-  // Never waits: a busy graph means another call is changing or reading
-  // the tree, and the caller may try again.
+  // Never waits: a busy lock means another call is changing the tree or the
+  // categories, and the caller may try again. The locks are held shared,
+  // and only while the tree is copied: readers go on during the whole save,
+  // writers wait for the copy only; the files are written from the copy.
+  // saveMutex_ keeps a second save, and a load, off the files meanwhile.
+  std::unique_lock<std::mutex> saving(saveMutex_, std::try_to_lock);
+  if (!saving.owns_lock()) return 1;
+  SaveVisitor visitor(dataDirectory_);
   {
-    TryWriterLock graphLock(graphLock_);
+    TryReaderLock graphLock(graphLock_);
     if (!graphLock.owns()) return 1;
-    graphLock_.assertHeld();
-    SaveVisitor visitor(dataDirectory_);
+    graphLock_.assertReaderHeld();
+    TryReaderLock categoryLock(categoryLock_);
+    if (!categoryLock.owns()) return 1;
+    categoryLock_.assertReaderHeld();
     const int result = graph_.visitBFS(visitor, 0);
     if (result != 0) return result;  // the visitor removes its files; the old archive stays
-    visitor.commit();
+    visitor.takeCategories();
   }
+  visitor.commit();
   TryReaderLock categoryLock(categoryLock_);
   if (!categoryLock.owns()) return 1;  // the archives are written already
   categoryLock_.assertReaderHeld();
@@ -222,6 +232,8 @@ int KQWorldRepresentation::save() {
 }
 
 int KQWorldRepresentation::load() {
+  std::unique_lock<std::mutex> saving(saveMutex_, std::try_to_lock);
+  if (!saving.owns_lock()) return 1;  // a save is writing the files
   TryWriterLock objectLock(objectLock_);
   if (!objectLock.owns()) return 1;
   TryWriterLock graphLock(graphLock_);

@@ -15,7 +15,7 @@
 // or object ids and sizes a vector from a forged count.
 //
 // Threading: free functions without state; callers serialise access to the
-// files (save and load hold the graph lock exclusively).
+// files (save and load hold the module's save mutex).
 #ifndef KQ_PERSISTENCE_WORLD_ARCHIVE_H_
 #define KQ_PERSISTENCE_WORLD_ARCHIVE_H_
 
