@@ -48,6 +48,7 @@ class CAPABILITY("mutex") KQSharedMutex {
       readers.fetch_add(1);
       if (!writer_.load()) return;
       readers.fetch_sub(1);
+      xWakeAll();  // the writer may have seen this slot taken and gone to sleep
       xWaitForWriter();
     }
   }

@@ -745,6 +745,10 @@ int KQDatabaseManager::beginTransaction() {
   return connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
 }
 
+bool KQDatabaseManager::isInTransaction() const {
+  return connection_ && sqlite3_get_autocommit(connection_->db()) == 0;
+}
+
 int KQDatabaseManager::endTransaction() {
   if (!xReady("endTransaction")) return 1;
   if (sqlite3_get_autocommit(connection_->db()) != 0) {

@@ -70,6 +70,7 @@ class KQDatabaseManager {
   // nothing changes); end commits everything since the begin. One left open
   // when the connection closes is committed.
   int beginTransaction();
+  bool isInTransaction() const;  // a transaction is open on the connection
   int endTransaction();
   // Runs `work` (a few writes) atomically: inside the open transaction if
   // there is one (nothing is committed early), else in one of its own.
