@@ -2,6 +2,8 @@
 // BufferCore::lookupTransform (latest time, same trees) when libtf2-dev was found. Goals, as ratios printed at the
 // end: 1.0x tf2 at 1 hop, 0.5x at 5, 0.33x at 20 and between leaves of a 1000-frame tree; 2 threads (unpinned, two
 // free cores) do 1.7x the calls of one: Google Benchmark's time per call of both together is 0.59x. Under a minute.
+#include <sqlite3.h>
+
 #include <cmath>
 #include <cstdint>
 #include <memory>
@@ -164,6 +166,33 @@ void BM_UpdatePosition(benchmark::State& state) {
   state.SetItemsProcessed(done);
 }
 BENCHMARK(BM_UpdatePosition)->ArgName("save")->Arg(0)->Arg(1);
+BENCHMARK(BM_UpdatePosition)->ArgName("save")->Arg(1)->Threads(8)->UseRealTime();  // group commit: 3x one thread
+
+// The peer of a saved move: the same row inserted by hand into the same table and index, autocommit, same pragmas.
+void BM_RawSqliteInsert(benchmark::State& state) {
+  KQ::test::TempDir dir;
+  sqlite3* db = nullptr;
+  sqlite3_open(dir.file("raw.sqlite").c_str(), &db);
+  for (const char* sql : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL", "PRAGMA wal_autocheckpoint=10000",
+                          "CREATE TABLE positions (ObjectName text, TimeS int, TimeUS int, ParentName text, QuatW float, "
+                          "QuatX float, QuatY float, QuatZ float, X float, Y float, Z float)",
+                          "CREATE INDEX positions_ObjectName_TimeS ON positions (ObjectName, TimeS)"})
+    sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+  sqlite3_stmt* insert = nullptr;
+  sqlite3_prepare_v2(db, "INSERT INTO positions VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", -1, &insert, nullptr);
+  int64_t done = 0;
+  for (auto _ : state) {
+    sqlite3_bind_text(insert, 1, "movedAndSaved", -1, SQLITE_STATIC);
+    for (int column = 2; column <= 3; ++column) sqlite3_bind_int(insert, column, static_cast<int>(++done));
+    sqlite3_bind_text(insert, 4, "World", -1, SQLITE_STATIC);
+    for (int column = 5; column <= 11; ++column) sqlite3_bind_double(insert, column, 0.001 * static_cast<double>(done & 1023));
+    if (sqlite3_step(insert) != SQLITE_DONE) state.SkipWithError("insert failed");
+    sqlite3_reset(insert);
+  }
+  sqlite3_finalize(insert);
+  sqlite3_close(db);
+}
+BENCHMARK(BM_RawSqliteInsert);
 
 // "tracked" gets kHistoryRows rows, one a second up to a second ago, through
 // updatePosition in one transaction on a manual clock; asked about halfway.
@@ -199,6 +228,8 @@ int main(int argc, char** argv) {
   KQ::bench::RatioReporter reporter;
   for (const auto& [depth, goal] : {std::pair{"1", 1.0}, {"5", 0.5}, {"20", 0.33}})
     reporter.addPair(std::string("BM_GetPosition/depth:") + depth, std::string("BM_Tf2Lookup/depth:") + depth, goal);
+  reporter.addPair("BM_UpdatePosition/save:1", "BM_RawSqliteInsert", 1 / 0.7);
+  reporter.addPair("BM_UpdatePosition/save:1/real_time/threads:8", "BM_UpdatePosition/save:1", 1 / 3.0);
   reporter.addPair("BM_GetPositionBetweenLeavesOfALargeTree", "BM_Tf2LookupBetweenLeavesOfALargeTree", 0.33);
   reporter.addPair("BM_GetPositionInParallel/real_time/threads:2", "BM_GetPositionInParallel/real_time/threads:1",
                    0.59);

@@ -26,6 +26,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -184,9 +185,15 @@ class KQWorldRepresentation : public KQModule {
                         Math::Position3D& translation) const REQUIRES_SHARED(objectLock_, graphLock_);
   void xGetPosition(const std::string& first, const std::string& second, std::vector<float>& quaternionOut,
                     std::vector<float>& translationOut) REQUIRES_SHARED(objectLock_, graphLock_);
-  // Takes the joint lock (shared), then graph and category exclusively.
+  // Takes the joint lock (shared), then graph and category exclusively; a
+  // saved move takes the category lock again, alone, to commit its group.
   int xUpdatePosition(const std::string& name, const std::vector<float>& position, bool save)
       REQUIRES_SHARED(objectLock_) EXCLUDES(jointLock_, graphLock_, categoryLock_);
+  // updatePosition's history row, into the category's group commit: the
+  // ticket to commit (commitGroup) before answering, 0 when none is needed.
+  uint64_t xAppendPosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
+                           const std::vector<float>& quaternion, const std::vector<float>& translation,
+                           const ko::os::timeval& time) REQUIRES(categoryLock_);
   void xStorePosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
                       const std::vector<float>& quaternion, const std::vector<float>& translation,
                       const ko::os::timeval& time) REQUIRES(categoryLock_);

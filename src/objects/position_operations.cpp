@@ -2,6 +2,7 @@
 // between an object and its parent, announces the change and optionally
 // appends a "positions" row; a query composes the edges along the tree path
 // between two objects.
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -63,37 +64,50 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   std::vector<float> quaternion = objectInParentRotation.toVector();
   std::vector<float> translation = objectInParentTranslation.toVector();
 
-  WriterLock graphLock(graphLock_);
-  const std::string category = xGetObjectCategory(name);
-  int parentId = -1;
-  graph_.getParent(parentId, id);
-  std::string parentName;
-  if (const WorldObject* parent = objectOf(graph_.getNodeData(parentId))) parentName = parent->getName();
+  std::string category;
+  int result;
+  uint64_t ticket = 0;  // the group commit that will hold the history row
+  {
+    WriterLock graphLock(graphLock_);
+    category = xGetObjectCategory(name);
+    int parentId = -1;
+    graph_.getParent(parentId, id);
+    std::string parentName;
+    if (const WorldObject* parent = objectOf(graph_.getNodeData(parentId))) parentName = parent->getName();
 
-  const int result = graph_.setDisplacement(parentId, id, std::make_shared<Displacement>(quaternion, translation));
-  if (result != 0) {
-    KQWR_ERROR("updatePosition") << "Could not set displacement from " << parentName << " to " << name << ": "
-                                 << graph_.getErrorMessage(result);
-  } else {
-    // [name, rotation w x y z, translation x y z], both in the parent's frame.
-    // Raised with the locks held; a refusal of the memory module reaches
-    // the caller.
-    KQValue payload;
-    payload.arraySetSize(3);
-    payload[0] = name;
-    payload[1] = KQValue(quaternion);
-    payload[2] = KQValue(translation);
-    memoryProxy_->raiseEvent(positionChangedEventName_, payload);
+    result = graph_.setDisplacement(parentId, id, std::make_shared<Displacement>(quaternion, translation));
+    if (result != 0) {
+      KQWR_ERROR("updatePosition") << "Could not set displacement from " << parentName << " to " << name << ": "
+                                   << graph_.getErrorMessage(result);
+    } else {
+      // [name, rotation w x y z, translation x y z], both in the parent's frame.
+      // Raised with the locks held; a refusal of the memory module reaches
+      // the caller.
+      KQValue payload;
+      payload.arraySetSize(3);
+      payload[0] = name;
+      payload[1] = KQValue(quaternion);
+      payload[2] = KQValue(translation);
+      memoryProxy_->raiseEvent(positionChangedEventName_, payload);
+    }
+
+    // Written even when the edge could not be set: the history then holds a
+    // pose the graph never had. Kept in this order as the history's readers
+    // expect it.
+    if (save) {
+      WriterLock categoryLock(categoryLock_);
+      auto database = databases_.find(category);
+      if (database != databases_.end())
+        ticket = xAppendPosition(database->second, name, parentName, quaternion, translation, now);
+    }
   }
-
-  // Written even when the edge could not be set: the history then holds a
-  // pose the graph never had. Kept in this order as the history's readers
-  // expect it.
-  if (save) {
+  // Answered only once the row is committed. Saved moves of one category
+  // that came in meanwhile joined the same group: the first of them to get
+  // the category lock back commits it for all.
+  if (ticket != 0) {
     WriterLock categoryLock(categoryLock_);
     auto database = databases_.find(category);
-    if (database != databases_.end())
-      xStorePosition(database->second, name, parentName, quaternion, translation, now);
+    if (database != databases_.end()) database->second.commitGroup(ticket);
   }
   return result;
 }
@@ -218,6 +232,18 @@ void KQWorldRepresentation::xStorePosition(KQDatabaseManager& db, const std::str
   thread_local KQValue row;
   setPositionsRow(row, parentName, quaternion, translation);
   xStoreAttribute(db, time, name, kPositionsAttributeName, row);
+}
+
+uint64_t KQWorldRepresentation::xAppendPosition(KQDatabaseManager& db, const std::string& name,
+                                               const std::string& parentName, const std::vector<float>& quaternion,
+                                               const std::vector<float>& translation, const ko::os::timeval& time) {
+  thread_local KQValue row;
+  setPositionsRow(row, parentName, quaternion, translation);
+  KQValue stamped(row);
+  addSpecialFields(stamped, name, time);
+  uint64_t ticket = 0;
+  db.appendToGroup(kPositionsAttributeName, stamped, ticket);
+  return ticket;
 }
 
 }  // namespace KQ

@@ -24,16 +24,17 @@
 // statements cached per SQL text, writes that open a transaction use
 // BEGIN IMMEDIATE, and every table gets an index on (ObjectName, TimeS).
 //
-// Threading: no locking of its own beyond SQLite's serialized mode; the only
-// mutex here guards the statement cache, from which each call checks its
-// statement out, so concurrent readers never share one. The module calls
-// writers under its category lock held exclusively and readers under it held
+// Threading: no locking of its own beyond SQLite's serialized mode, a mutex
+// for the group transaction's state and one that guards the statement cache,
+// from which each call checks its statement out, so concurrent readers
+// never share one. The module calls writers under its category lock held exclusively and readers under it held
 // shared, so one connection may be read by several threads at once but is
 // never written concurrently.
 #ifndef KQ_STORAGE_DATABASE_MANAGER_H_
 #define KQ_STORAGE_DATABASE_MANAGER_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -76,6 +77,19 @@ class KQDatabaseManager {
   // there is one (nothing is committed early), else in one of its own.
   int inTransaction(const std::function<int()>& work);
 
+  // Group commit of saved rows: appendToGroup inserts the row into the
+  // connection's group transaction (begun by a group's first row) and gives
+  // the group's ticket; commitGroup(ticket) commits that group unless it is
+  // committed already, and answers 0 once the row is on disk, 1 when the
+  // group's commit failed (and was rolled back). Inside the caller's own
+  // transaction the row joins it and the ticket is 0 (nothing to wait for).
+  // Every other operation commits an open group first, so a group holds
+  // saved rows only. Callers append under the category lock held
+  // exclusively, release it, then take it again to commit: the rows of
+  // callers that came in between share that commit.
+  int appendToGroup(const std::string& table, const KQValue& row, uint64_t& ticket);
+  int commitGroup(uint64_t ticket);
+
   // Milliseconds a statement holding caller text (select, update, delete)
   // may run before it is interrupted (default 2000).
   void setQueryDeadline(int milliseconds);
@@ -100,6 +114,10 @@ class KQDatabaseManager {
   int xIndexTable(const std::string& table, const char* function);
   // Runs `work` inside the open transaction, or inside one of its own.
   int xInTransaction(const char* function, const std::function<int()>& work);
+  // insertRow's work (no commit of an open group).
+  int xInsertRow(const std::string& table, const KQValue& row);
+  // Commits the open group, if any; the caller holds the group mutex.
+  void xCommitGroup() const;
   // Runs one read-only query holding caller text; rows typed by column.
   KQValue xQuery(const std::string& sql, const char* function) const;
 
