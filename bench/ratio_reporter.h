@@ -1,5 +1,6 @@
 // RatioReporter: Google Benchmark's console output, then one line per pair "ours / peer" measured in the same
-// run, so that a speed goal reads as a ratio to its peer. With --benchmark_repetitions the medians are compared.
+// run, so that a speed goal reads as a ratio to its peer. With --benchmark_repetitions the medians are compared;
+// CPU times, or wall times for benchmarks that ask for them (UseRealTime: threads, waits on the disk).
 #ifndef KQ_BENCH_RATIO_REPORTER_H_
 #define KQ_BENCH_RATIO_REPORTER_H_
 
@@ -21,7 +22,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs)
       if (!run.error_occurred && (run.run_type == Run::RT_Iteration || run.aggregate_name == "median"))
-        ns_[run.run_name.str()] = run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
+        ns_[run.run_name.str()] = (run.run_name.time_type.empty() ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime()) *
+                                  1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
     ConsoleReporter::ReportRuns(runs);
   }
   int run(int argc, char** argv) {  // BENCHMARK_MAIN with the ratios at the end

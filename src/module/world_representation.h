@@ -248,6 +248,7 @@ class KQWorldRepresentation : public KQModule {
   std::condition_variable runningCondition_;
   std::mutex runningMutex_;
   std::mutex stopMutex_;
+  std::atomic<int> savedMovesInFlight_{0};  // updatePosition calls with save under way
   std::mutex saveMutex_;  // held by save for its whole run and by load; taken before any other lock
   std::condition_variable stopCondition_;  // wakes the watcher's sleep at a stop
   const std::string displayAttributeName_;

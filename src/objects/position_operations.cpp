@@ -4,6 +4,7 @@
 // between two objects.
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -64,6 +65,15 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   std::vector<float> quaternion = objectInParentRotation.toVector();
   std::vector<float> translation = objectInParentTranslation.toVector();
 
+  struct InFlight {  // counts this call among the saved moves under way
+    std::atomic<int>& count;
+    ~InFlight() { --count; }
+  };
+  std::optional<InFlight> inFlight;
+  if (save) {
+    ++savedMovesInFlight_;
+    inFlight.emplace(InFlight{savedMovesInFlight_});
+  }
   std::string category;
   int result;
   uint64_t ticket = 0;  // the group commit that will hold the history row
@@ -97,7 +107,11 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
     if (save) {
       WriterLock categoryLock(categoryLock_);
       auto database = databases_.find(category);
-      if (database != databases_.end())
+      // Alone, the row is committed at once: a group would only add its
+      // BEGIN and a second turn of the lock.
+      if (database != databases_.end() && savedMovesInFlight_.load() == 1)
+        xStorePosition(database->second, name, parentName, quaternion, translation, now);
+      else if (database != databases_.end())
         ticket = xAppendPosition(database->second, name, parentName, quaternion, translation, now);
     }
   }
