@@ -45,16 +45,8 @@ Position3D::Position3D(const std::vector<float>& v) {
   if (v.size() > 2) z = v[2];
 }
 
-Position3D& Position3D::operator+=(const Position3D& o) {
-  x += o.x;
-  y += o.y;
-  z += o.z;
-  return *this;
-}
-
 Position3D Position3D::operator+(const Position3D& o) const { return Position3D(x + o.x, y + o.y, z + o.z); }
 Position3D Position3D::operator-(const Position3D& o) const { return Position3D(x - o.x, y - o.y, z - o.z); }
-Position3D Position3D::operator-() const { return Position3D(-x, -y, -z); }
 Position3D Position3D::operator*(float s) const { return Position3D(x * s, y * s, z * s); }
 
 std::vector<float> Position3D::toVector() const { return {x, y, z}; }
@@ -86,43 +78,11 @@ Quaternion Quaternion::inverse() const {
                     static_cast<float>(-z / n2));
 }
 
-Quaternion& Quaternion::operator*=(const Quaternion& o) {
-  *this = *this * o;
-  return *this;
-}
-
 float Quaternion::norm() const {
   return static_cast<float>(std::sqrt(double(w) * w + double(x) * x + double(y) * y + double(z) * z));
 }
 
 std::vector<float> Quaternion::toVector() const { return {w, x, y, z}; }
-
-Quaternion operator*(const Quaternion& a, const Quaternion& b) {
-  return Quaternion(a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z,  //
-                    a.w * b.x + a.x * b.w + a.y * b.z - a.z * b.y,  //
-                    a.w * b.y + a.y * b.w + a.z * b.x - a.x * b.z,  //
-                    a.w * b.z + a.z * b.w + a.x * b.y - a.y * b.x);
-}
-
-Position3D operator*(const Quaternion& q, const Position3D& v) {
-  // q * (0, v) * q^-1, expanded: v + 2w(u x v) + 2u x (u x v), divided
-  // through by |q|^2 so that a non-unit q still rotates without scaling.
-  const double n2 = double(q.w) * q.w + double(q.x) * q.x + double(q.y) * q.y + double(q.z) * q.z;
-  if (n2 == 0.0) return Position3D();
-  const double w = q.w, ux = q.x, uy = q.y, uz = q.z;
-  const double vx = v.x, vy = v.y, vz = v.z;
-  // c = u x v
-  const double cx = uy * vz - uz * vy;
-  const double cy = uz * vx - ux * vz;
-  const double cz = ux * vy - uy * vx;
-  // d = u x c
-  const double dx = uy * cz - uz * cy;
-  const double dy = uz * cx - ux * cz;
-  const double dz = ux * cy - uy * cx;
-  const double s = 2.0 / n2;
-  return Position3D(static_cast<float>(vx + s * (w * cx + dx)), static_cast<float>(vy + s * (w * cy + dy)),
-                    static_cast<float>(vz + s * (w * cz + dz)));
-}
 
 // ---------------------------------------------------------------- Transform
 

@@ -61,7 +61,8 @@ struct Quaternion {
   std::vector<float> toVector() const;
 };
 
-// Hamilton product a * b.
+// Hamilton product a * b. Defined below, inline, with the other operations
+// a pose query composes once per edge.
 Quaternion operator*(const Quaternion& a, const Quaternion& b);
 // Rotates v by q: q * (0, v) * q^-1 (for a unit q, the usual rotation).
 Position3D operator*(const Quaternion& q, const Position3D& v);
@@ -94,6 +95,49 @@ Quaternion quaternionFromTransform(const Transform& t);    // unit quaternion wi
 Position3D position3DFromTransform(const Transform& t);
 Position6D position6DFromTransform(const Transform& t);
 Pose2D pose2DFromTransform(const Transform& t);
+
+// ------------------------------------------------ inline, per edge of a walk
+
+inline Position3D& Position3D::operator+=(const Position3D& o) {
+  x += o.x;
+  y += o.y;
+  z += o.z;
+  return *this;
+}
+
+inline Position3D Position3D::operator-() const { return Position3D(-x, -y, -z); }
+
+inline Quaternion operator*(const Quaternion& a, const Quaternion& b) {
+  return Quaternion(a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z,  //
+                    a.w * b.x + a.x * b.w + a.y * b.z - a.z * b.y,  //
+                    a.w * b.y + a.y * b.w + a.z * b.x - a.x * b.z,  //
+                    a.w * b.z + a.z * b.w + a.x * b.y - a.y * b.x);
+}
+
+inline Position3D operator*(const Quaternion& q, const Position3D& v) {
+  // q * (0, v) * q^-1, expanded: v + 2w(u x v) + 2u x (u x v), divided
+  // through by |q|^2 so that a non-unit q still rotates without scaling.
+  const double n2 = double(q.w) * q.w + double(q.x) * q.x + double(q.y) * q.y + double(q.z) * q.z;
+  if (n2 == 0.0) return Position3D();
+  const double w = q.w, ux = q.x, uy = q.y, uz = q.z;
+  const double vx = v.x, vy = v.y, vz = v.z;
+  // c = u x v
+  const double cx = uy * vz - uz * vy;
+  const double cy = uz * vx - ux * vz;
+  const double cz = ux * vy - uy * vx;
+  // d = u x c
+  const double dx = uy * cz - uz * cy;
+  const double dy = uz * cx - ux * cz;
+  const double dz = ux * cy - uy * cx;
+  const double s = 2.0 / n2;
+  return Position3D(static_cast<float>(vx + s * (w * cx + dx)), static_cast<float>(vy + s * (w * cy + dy)),
+                    static_cast<float>(vz + s * (w * cz + dz)));
+}
+
+inline Quaternion& Quaternion::operator*=(const Quaternion& o) {
+  *this = *this * o;
+  return *this;
+}
 
 std::ostream& operator<<(std::ostream& out, const Position3D& p);
 std::ostream& operator<<(std::ostream& out, const Position6D& p);

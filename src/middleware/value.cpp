@@ -104,6 +104,7 @@ KQValue::KQValue(const std::vector<std::string>& values) : type_(Type::Array) {
 }
 
 KQValue::KQValue(const std::vector<KQValue>& values) : type_(Type::Array), array_(values) {}
+KQValue::KQValue(std::vector<KQValue>&& values) : type_(Type::Array), array_(std::move(values)) {}
 
 KQValue::KQValue(const KQValue& other) = default;
 

@@ -56,6 +56,7 @@ class KQValue {
   KQValue(const std::vector<float>& values);
   KQValue(const std::vector<std::string>& values);
   KQValue(const std::vector<KQValue>& values);
+  KQValue(std::vector<KQValue>&& values);  // takes the elements without copying them
 
   KQValue(const KQValue& other);
   KQValue(KQValue&& other) noexcept;

@@ -17,20 +17,23 @@
 // last in clearObject and addJoint. No thread takes a lock it already holds:
 // where one public operation needs another under a held lock it calls the
 // private x... form, which assumes its locks and says which. save and load
-// only try their locks and answer 1 when one is busy.
+// only try their locks and answer 1 when one is busy; both first try
+// saveMutex_, which keeps the archive files to one of them at a time (save
+// holds the graph and category locks, shared, only while it copies the
+// tree, and writes the files after releasing them).
 #ifndef KQ_MODULE_WORLD_REPRESENTATION_H_
 #define KQ_MODULE_WORLD_REPRESENTATION_H_
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
-
-#include <memory>
 
 #include "middleware/module.h"
 #include "middleware/os.h"
@@ -194,12 +197,23 @@ class KQWorldRepresentation : public KQModule {
       REQUIRES(objectLock_) EXCLUDES(graphLock_, categoryLock_);
 
   // --- positions.
-  // Exclusive graph lock: live robot edges refresh their cached transforms.
+  // Present-time queries read under the graph lock held shared: live robot
+  // edges guard their refreshed transforms with a mutex of their own, as
+  // they do for queries of the past. A failed query logs and leaves the
+  // lists empty (false and the pose untouched for xComposePosition).
+  bool xComposePosition(const std::string& first, const std::string& second, Math::Quaternion& rotation,
+                        Math::Position3D& translation) const REQUIRES_SHARED(objectLock_, graphLock_);
   void xGetPosition(const std::string& first, const std::string& second, std::vector<float>& quaternionOut,
-                    std::vector<float>& translationOut) REQUIRES_SHARED(objectLock_) REQUIRES(graphLock_);
-  // Takes the joint lock (shared), then graph and category exclusively.
+                    std::vector<float>& translationOut) REQUIRES_SHARED(objectLock_, graphLock_);
+  // Takes the joint lock (shared), then graph and category exclusively; a
+  // saved move takes the category lock again, alone, to commit its group.
   int xUpdatePosition(const std::string& name, const std::vector<float>& position, bool save)
       REQUIRES_SHARED(objectLock_) EXCLUDES(jointLock_, graphLock_, categoryLock_);
+  // updatePosition's history row, into the category's group commit: the
+  // ticket to commit (commitGroup) before answering, 0 when none is needed.
+  uint64_t xAppendPosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
+                           const std::vector<float>& quaternion, const std::vector<float>& translation,
+                           const ko::os::timeval& time) REQUIRES(categoryLock_);
   void xStorePosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
                       const std::vector<float>& quaternion, const std::vector<float>& translation,
                       const ko::os::timeval& time) REQUIRES(categoryLock_);
@@ -240,7 +254,8 @@ class KQWorldRepresentation : public KQModule {
   std::string dataDirectory_;
   std::map<std::string, KQDatabaseManager> databases_ GUARDED_BY(categoryLock_);
   mutable KQSharedMutex objectLock_;
-  std::map<std::string, int> objects_ GUARDED_BY(objectLock_);
+  // Hashed: two look-ups per pose query; nothing needs the names in order.
+  std::unordered_map<std::string, int> objects_ GUARDED_BY(objectLock_);
   mutable KQSharedMutex graphLock_;
   mutable KQSharedMutex categoryLock_;
   std::shared_ptr<KQMotionProxy> motionProxy_;
@@ -253,6 +268,8 @@ class KQWorldRepresentation : public KQModule {
   std::condition_variable runningCondition_;
   std::mutex runningMutex_;
   std::mutex stopMutex_;
+  std::atomic<int> savedMovesInFlight_{0};  // updatePosition calls with save under way
+  std::mutex saveMutex_;  // held by save for its whole run and by load; taken before any other lock
   std::condition_variable stopCondition_;  // wakes the watcher's sleep at a stop
   const std::string displayAttributeName_;
   const StartOptions startOptions_;

@@ -198,9 +198,24 @@ int KQWorldRepresentation::clearObject(const std::string& name) {
   }
 
   // Rows go while the names are still in the object map: the attribute
-  // deletion looks every object up by name.
-  for (int descendantId : descendantIds) xClearAllAttributes(descendantId);
-  xClearAllAttributes(id);
+  // deletion looks every object up by name. One transaction per category
+  // database for the whole subtree (joining one the caller opened): the
+  // cost follows the subtree's rows, not one commit per row.
+  descendantIds.push_back(id);
+  std::vector<KQDatabaseManager*> opened;
+  for (int nodeId : descendantIds) {
+    auto object = std::dynamic_pointer_cast<WorldObject>(graph_.getNodeData(nodeId));
+    auto database = object ? databases_.find(object->getCategoryName()) : databases_.end();
+    if (database == databases_.end() || database->second.isInTransaction()) continue;
+    // A transaction that cannot begin leaves the rows to one commit each.
+    if (database->second.beginTransaction() == 0) opened.push_back(&database->second);
+  }
+  for (int nodeId : descendantIds) xClearAllAttributes(nodeId);
+  for (KQDatabaseManager* database : opened) {
+    if (database->endTransaction() != 0) {
+      KQWR_ERROR("clearObject") << "Could not commit the deletion of the rows of " << name << "'s subtree.";
+    }
+  }
   for (const std::string& descendant : descendantNames) objects_.erase(descendant);
 
   const int removed = graph_.removeNode(id);

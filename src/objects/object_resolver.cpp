@@ -2,8 +2,11 @@
 
 namespace KQ {
 
-ResolvedObject resolveObject(const std::map<std::string, int>& objects, const KQSceneGraph& graph,
-                             std::map<std::string, KQDatabaseManager>& databases, const std::string& objectName) {
+namespace {
+
+template <class ObjectMap>
+ResolvedObject resolveIn(const ObjectMap& objects, const KQSceneGraph& graph,
+                         std::map<std::string, KQDatabaseManager>& databases, const std::string& objectName) {
   ResolvedObject resolved;
   auto node = objects.find(objectName);
   if (node == objects.end()) return resolved;
@@ -27,6 +30,18 @@ ResolvedObject resolveObject(const std::map<std::string, int>& objects, const KQ
   resolved.database = &database->second;
   resolved.missing = ResolvedObject::Missing::kNothing;
   return resolved;
+}
+
+}  // namespace
+
+ResolvedObject resolveObject(const std::unordered_map<std::string, int>& objects, const KQSceneGraph& graph,
+                             std::map<std::string, KQDatabaseManager>& databases, const std::string& objectName) {
+  return resolveIn(objects, graph, databases, objectName);
+}
+
+ResolvedObject resolveObject(const std::map<std::string, int>& objects, const KQSceneGraph& graph,
+                             std::map<std::string, KQDatabaseManager>& databases, const std::string& objectName) {
+  return resolveIn(objects, graph, databases, objectName);
 }
 
 }  // namespace KQ

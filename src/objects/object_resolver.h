@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "spatial/scene_graph.h"
 #include "storage/database_manager.h"
@@ -39,6 +40,9 @@ struct ResolvedObject {
   }
 };
 
+// The module's object map is hashed; an ordered map is taken too.
+ResolvedObject resolveObject(const std::unordered_map<std::string, int>& objects, const KQSceneGraph& graph,
+                             std::map<std::string, KQDatabaseManager>& databases, const std::string& objectName);
 ResolvedObject resolveObject(const std::map<std::string, int>& objects, const KQSceneGraph& graph,
                              std::map<std::string, KQDatabaseManager>& databases, const std::string& objectName);
 

@@ -2,7 +2,9 @@
 // between an object and its parent, announces the change and optionally
 // appends a "positions" row; a query composes the edges along the tree path
 // between two objects.
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,16 +27,6 @@ namespace {
 
 const WorldObject* objectOf(const std::shared_ptr<GraphNodeData>& data) {
   return dynamic_cast<const WorldObject*>(data.get());
-}
-
-// [quaternion list, translation list], the pose form that crosses the
-// method boundary.
-KQValue poseValue(const std::vector<float>& quaternion, const std::vector<float>& translation) {
-  KQValue pose;
-  pose.arraySetSize(2);
-  pose[0] = KQValue(quaternion);
-  pose[1] = KQValue(translation);
-  return pose;
 }
 
 }  // namespace
@@ -69,42 +61,68 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   std::vector<float> quaternion = objectInParentRotation.toVector();
   std::vector<float> translation = objectInParentTranslation.toVector();
 
-  WriterLock graphLock(graphLock_);
-  // Stamps the history row, if one is written. Read under the graph lock, so
-  // that a move the archive's copy of the tree missed is stamped after the
-  // archive's time, and one it holds before it (restore picks the newer).
-  ko::os::timeval now;
-  ko::os::gettimeofday(&now);
-  const std::string category = xGetObjectCategory(name);
-  int parentId = -1;
-  graph_.getParent(parentId, id);
-  std::string parentName;
-  if (const WorldObject* parent = objectOf(graph_.getNodeData(parentId))) parentName = parent->getName();
-
-  const int result = graph_.setDisplacement(parentId, id, std::make_shared<Displacement>(quaternion, translation));
-  if (result != 0) {
-    KQWR_ERROR("updatePosition") << "Could not set displacement from " << parentName << " to " << name << ": "
-                                 << graph_.getErrorMessage(result);
-  } else {
-    // [name, rotation w x y z, translation x y z], both in the parent's frame.
-    // Raised with the locks held; a refusal of the memory module reaches
-    // the caller.
-    KQValue payload;
-    payload.arraySetSize(3);
-    payload[0] = name;
-    payload[1] = KQValue(quaternion);
-    payload[2] = KQValue(translation);
-    memoryProxy_->raiseEvent(positionChangedEventName_, payload);
-  }
-
-  // Written even when the edge could not be set: the history then holds a
-  // pose the graph never had. Kept in this order as the history's readers
-  // expect it.
+  struct InFlight {  // counts this call among the saved moves under way
+    std::atomic<int>& count;
+    ~InFlight() { --count; }
+  };
+  std::optional<InFlight> inFlight;
   if (save) {
+    ++savedMovesInFlight_;
+    inFlight.emplace(InFlight{savedMovesInFlight_});
+  }
+  std::string category;
+  int result;
+  uint64_t ticket = 0;  // the group commit that will hold the history row
+  {
+    WriterLock graphLock(graphLock_);
+    // Stamps the history row, if one is written. Read under the graph lock, so
+    // that a move the archive's copy of the tree missed is stamped after the
+    // archive's time, and one it holds before it (restore picks the newer).
+    ko::os::timeval now;
+    ko::os::gettimeofday(&now);
+    category = xGetObjectCategory(name);
+    int parentId = -1;
+    graph_.getParent(parentId, id);
+    std::string parentName;
+    if (const WorldObject* parent = objectOf(graph_.getNodeData(parentId))) parentName = parent->getName();
+
+    result = graph_.setDisplacement(parentId, id, std::make_shared<Displacement>(quaternion, translation));
+    if (result != 0) {
+      KQWR_ERROR("updatePosition") << "Could not set displacement from " << parentName << " to " << name << ": "
+                                   << graph_.getErrorMessage(result);
+    } else {
+      // [name, rotation w x y z, translation x y z], both in the parent's frame.
+      // Raised with the locks held; a refusal of the memory module reaches
+      // the caller.
+      KQValue payload;
+      payload.arraySetSize(3);
+      payload[0] = name;
+      payload[1] = KQValue(quaternion);
+      payload[2] = KQValue(translation);
+      memoryProxy_->raiseEvent(positionChangedEventName_, payload);
+    }
+
+    // Written even when the edge could not be set: the history then holds a
+    // pose the graph never had. Kept in this order as the history's readers
+    // expect it.
+    if (save) {
+      WriterLock categoryLock(categoryLock_);
+      auto database = databases_.find(category);
+      // Alone, the row is committed at once: a group would only add its
+      // BEGIN and a second turn of the lock.
+      if (database != databases_.end() && savedMovesInFlight_.load() == 1)
+        xStorePosition(database->second, name, parentName, quaternion, translation, now);
+      else if (database != databases_.end())
+        ticket = xAppendPosition(database->second, name, parentName, quaternion, translation, now);
+    }
+  }
+  // Answered only once the row is committed. Saved moves of one category
+  // that came in meanwhile joined the same group: the first of them to get
+  // the category lock back commits it for all.
+  if (ticket != 0) {
     WriterLock categoryLock(categoryLock_);
     auto database = databases_.find(category);
-    if (database != databases_.end())
-      xStorePosition(database->second, name, parentName, quaternion, translation, now);
+    if (database != databases_.end()) database->second.commitGroup(ticket);
   }
   return result;
 }
@@ -126,7 +144,7 @@ int KQWorldRepresentation::updatePositionWithReference(const std::string& name, 
   std::vector<float> referenceInParentQ;
   std::vector<float> referenceInParentT;
   {
-    WriterLock graphLock(graphLock_);
+    ReaderLock graphLock(graphLock_);
     xGetPosition(parent, reference, referenceInParentQ, referenceInParentT);
   }
 
@@ -143,55 +161,81 @@ int KQWorldRepresentation::updatePositionWithReference(const std::string& name, 
   return xUpdatePosition(name, objectInParent.toVector(), save);
 }
 
-void KQWorldRepresentation::xGetPosition(const std::string& first, const std::string& second,
-                                         std::vector<float>& quaternionOut, std::vector<float>& translationOut) {
-  quaternionOut.clear();
-  translationOut.clear();
+bool KQWorldRepresentation::xComposePosition(const std::string& first, const std::string& second,
+                                             Math::Quaternion& rotation, Math::Position3D& translation) const {
   const int firstId = xFindNodeId(first);
   if (firstId < 0) {
     KQWR_WARNING("xGetPosition") << "Cannot find reference";
-    return;
+    return false;
   }
   const int secondId = xFindNodeId(second);
   if (secondId < 0) {
     KQWR_WARNING("xGetPosition") << "Cannot find target";
-    return;
+    return false;
   }
   PathVisitor visitor;
-  const int result = graph_.visitPath(visitor, firstId, secondId);
+  const int result = visitor.walk(graph_, firstId, secondId);
   if (result != 0) {
     KQWR_WARNING("xGetPosition") << "Cannot get displacement: " << graph_.getErrorMessage(result);
-    return;
+    return false;
   }
-  visitor.getDisplacement(quaternionOut, translationOut);
+  rotation = visitor.getQuaternion();
+  translation = visitor.getTranslation();
+  return true;
+}
+
+void KQWorldRepresentation::xGetPosition(const std::string& first, const std::string& second,
+                                         std::vector<float>& quaternionOut, std::vector<float>& translationOut) {
+  quaternionOut.clear();
+  translationOut.clear();
+  Math::Quaternion rotation;
+  Math::Position3D translation;
+  if (!xComposePosition(first, second, rotation, translation)) return;
+  quaternionOut = rotation.toVector();
+  translationOut = translation.toVector();
 }
 
 KQValue KQWorldRepresentation::getPosition(const std::string& first, const std::string& second) {
-  std::vector<float> quaternion;
-  std::vector<float> translation;
+  Math::Quaternion rotation;
+  Math::Position3D translation;
+  bool found;
   {
     ReaderLock objectLock(objectLock_);
-    // Exclusive although it only reads: live robot edges refresh their
-    // cached transforms when evaluated.
-    WriterLock graphLock(graphLock_);
-    xGetPosition(first, second, quaternion, translation);
+    ReaderLock graphLock(graphLock_);
+    found = xComposePosition(first, second, rotation, translation);
   }
-  return poseValue(quaternion, translation);
+  // Built in place, three allocations: this is the answer of the most
+  // frequent call. A failed query answers two empty lists.
+  std::vector<KQValue> rotationList;
+  std::vector<KQValue> translationList;
+  if (found) {
+    rotationList.reserve(4);
+    for (float value : {rotation.w, rotation.x, rotation.y, rotation.z}) rotationList.emplace_back(value);
+    translationList.reserve(3);
+    for (float value : {translation.x, translation.y, translation.z}) translationList.emplace_back(value);
+  }
+  std::vector<KQValue> pose;
+  pose.reserve(2);
+  pose.emplace_back(std::move(rotationList));
+  pose.emplace_back(std::move(translationList));
+  return KQValue(std::move(pose));
 }
 
 std::vector<float> KQWorldRepresentation::getPosition6D(const std::string& first, const std::string& second) {
   // The same locks and walk as getPosition, without the round trip through
-  // a KQValue. After a failed query both lists are empty, which convert to
-  // the identity: 6 zeros.
-  std::vector<float> quaternion;
-  std::vector<float> translation;
+  // a KQValue. After a failed query the pose is the identity: 6 zeros.
+  Math::Quaternion rotation;
+  Math::Position3D translation;
   {
     ReaderLock objectLock(objectLock_);
-    WriterLock graphLock(graphLock_);
-    xGetPosition(first, second, quaternion, translation);
+    ReaderLock graphLock(graphLock_);
+    if (!xComposePosition(first, second, rotation, translation)) {
+      rotation = Math::Quaternion();
+      translation = Math::Position3D();
+    }
   }
   Math::Position6D pose;
-  quaternionTranslationToPosition6D(Math::Quaternion(quaternion), Math::Position3D(translation), pose);
+  quaternionTranslationToPosition6D(rotation, translation, pose);
   return pose.toVector();
 }
 
@@ -203,6 +247,18 @@ void KQWorldRepresentation::xStorePosition(KQDatabaseManager& db, const std::str
   thread_local KQValue row;
   setPositionsRow(row, parentName, quaternion, translation);
   xStoreAttribute(db, time, name, kPositionsAttributeName, row);
+}
+
+uint64_t KQWorldRepresentation::xAppendPosition(KQDatabaseManager& db, const std::string& name,
+                                               const std::string& parentName, const std::vector<float>& quaternion,
+                                               const std::vector<float>& translation, const ko::os::timeval& time) {
+  thread_local KQValue row;
+  setPositionsRow(row, parentName, quaternion, translation);
+  KQValue stamped(row);
+  addSpecialFields(stamped, name, time);
+  uint64_t ticket = 0;
+  db.appendToGroup(kPositionsAttributeName, stamped, ticket);
+  return ticket;
 }
 
 }  // namespace KQ

@@ -51,4 +51,22 @@ void SaveVisitor::stopVisit() {
   complete_ = true;
 }
 
+void SaveVisitor::takeCategories() {
+  for (const auto& node : nodes_) {
+    if (!node.second || !node.second->getCategory()) continue;
+    std::shared_ptr<ObjectCategory>& copy = categoryCopies_[node.second->getCategory().get()];
+    if (!copy) copy = std::make_shared<ObjectCategory>(*node.second->getCategory());
+  }
+}
+
+void SaveVisitor::detachFromCategories() {
+  // Objects keep their name and category only; each is written as a new one
+  // on the category copied with the tree.
+  for (auto& node : nodes_) {
+    if (!node.second || !node.second->getCategory()) continue;
+    node.second =
+        std::make_shared<WorldObject>(node.second->getName(), categoryCopies_.at(node.second->getCategory().get()));
+  }
+}
+
 }  // namespace KQ

@@ -4,8 +4,15 @@
 // in the parent's frame, read at save time, so a live edge is copied with the
 // pose it has now). writeWorldArchive (world_archive.h) writes the copy.
 //
-// Threading: one visitor per save, used by the saving thread only; the
-// walk runs under the graph lock held exclusively (the caller holds it).
+// The walk copies ids, names, poses and the objects' shared pointers;
+// takeCategories() copies the categories they point to, so that after
+// detachFromCategories() the copy is the tree at that moment and can be
+// written with no lock of the world held.
+//
+// Threading: one visitor per save, used by the saving thread only; the walk
+// runs under the graph lock (shared is enough: live edges guard their own
+// refresh) and takeCategories under the category lock, both held by the
+// caller; detachFromCategories needs no lock.
 #ifndef KQ_PERSISTENCE_SAVE_VISITOR_H_
 #define KQ_PERSISTENCE_SAVE_VISITOR_H_
 
@@ -18,6 +25,7 @@
 #include "middleware/math.h"
 #include "spatial/graph_visitor.h"
 
+class ObjectCategory;
 class WorldObject;
 
 namespace KQ {
@@ -51,6 +59,13 @@ class SaveVisitor : public GraphVisitor {
 
   // True once stopVisit has run: the walk finished and the copy is whole.
   bool complete() const { return complete_; }
+  // Copies each category the walked objects point to, once (categories
+  // change in place when an attribute is added); run under the category
+  // lock, right after the walk.
+  void takeCategories();
+  // Puts each copied object on its category's copy, so that the copy can be
+  // written after the world's locks are released; needs no lock.
+  void detachFromCategories();
   const std::map<int, std::shared_ptr<WorldObject>>& getNodes() const { return nodes_; }
   const std::vector<Edge>& getEdges() const { return edges_; }
 
@@ -62,6 +77,7 @@ class SaveVisitor : public GraphVisitor {
   std::map<int, std::shared_ptr<WorldObject>> nodes_;
   std::vector<Edge> edges_;
   bool complete_ = false;
+  std::map<const ObjectCategory*, std::shared_ptr<ObjectCategory>> categoryCopies_;  // by the original
 };
 
 }  // namespace KQ

@@ -366,19 +366,31 @@ void checkArchiveRecords(const std::string& nodesPath, const SavedNodes& nodes, 
 // The module's members.
 
 int KQWorldRepresentation::save() {
-  // Never waits: a busy graph means another call is changing or reading
-  // the tree, and the caller may try again.
+  // Never waits: a busy lock means another call is changing the tree or the
+  // categories, and the caller may try again. The locks are held shared,
+  // and only while the tree is copied: readers go on during the whole save,
+  // writers wait for the copy only; the files are written from the copy.
+  // saveMutex_ keeps a second save, and a load, off the files meanwhile.
+  std::unique_lock<std::mutex> saving(saveMutex_, std::try_to_lock);
+  if (!saving.owns_lock()) return 1;
+  SaveVisitor visitor;
+  ArchiveStamp stamp;
   {
-    TryWriterLock graphLock(graphLock_);
+    TryReaderLock graphLock(graphLock_);
     if (!graphLock.owns()) return 1;
-    graphLock_.assertHeld();
-    SaveVisitor visitor;
+    graphLock_.assertReaderHeld();
+    TryReaderLock categoryLock(categoryLock_);
+    if (!categoryLock.owns()) return 1;
+    categoryLock_.assertReaderHeld();
     const int result = graph_.visitBFS(visitor, 0);
     if (result != 0 || !visitor.complete()) return result != 0 ? result : 1;  // the old archive stays
-    // T: the copy is taken, under the lock every change of the tree holds.
-    const ArchiveStamp stamp = newArchiveStamp();
-    writeWorldArchive(dataDirectory_, visitor.getNodes(), visitor.getEdges(), stamp);
+    visitor.takeCategories();
+    // T: the copy is taken, under the locks every change of the tree waits
+    // for (a move stamps its row under the graph lock held exclusively).
+    stamp = newArchiveStamp();
   }
+  visitor.detachFromCategories();
+  writeWorldArchive(dataDirectory_, visitor.getNodes(), visitor.getEdges(), stamp);
   TryReaderLock categoryLock(categoryLock_);
   if (!categoryLock.owns()) return 1;  // the archives are written already
   categoryLock_.assertReaderHeld();
@@ -387,6 +399,8 @@ int KQWorldRepresentation::save() {
 }
 
 int KQWorldRepresentation::load() {
+  std::unique_lock<std::mutex> saving(saveMutex_, std::try_to_lock);
+  if (!saving.owns_lock()) return 1;  // a save is writing the files
   TryWriterLock objectLock(objectLock_);
   if (!objectLock.owns()) return 1;
   TryWriterLock graphLock(graphLock_);

@@ -9,10 +9,10 @@
 // name and space with an identity transform; assignment installs a new
 // private part without releasing the old one.
 //
-// Threading: evaluating the edge writes its cached transform. Present-time
-// queries evaluate it under the graph lock held exclusively; queries of the
-// past walk under the shared graph lock, so the cache has a small mutex of
-// its own (never held while the motion module is asked).
+// Threading: evaluating the edge writes its cached transform. Queries, of
+// the present and of the past, walk under the shared graph lock, from
+// several threads at once, so the cache has a small mutex of its own (never
+// held while the motion module is asked).
 #ifndef KQ_SPATIAL_MOTION_DISPLACEMENT_H_
 #define KQ_SPATIAL_MOTION_DISPLACEMENT_H_
 

@@ -12,9 +12,10 @@
 // private part without releasing the old one.
 //
 // Threading: evaluating the edge writes its transform and lastUpdate.
-// Present-time queries evaluate it under the graph lock held exclusively;
-// queries of the past walk under the shared graph lock, so both fields have
-// a small mutex of their own (never held while the motion module is asked).
+// Queries, of the present and of the past, walk under the shared graph lock,
+// from several threads at once, so both fields have a small mutex of their
+// own (never held while the motion module is asked): one thread passes the
+// throttle per period.
 #ifndef KQ_SPATIAL_ODOMETRY_DISPLACEMENT_H_
 #define KQ_SPATIAL_ODOMETRY_DISPLACEMENT_H_
 

@@ -6,6 +6,26 @@
 
 namespace KQ {
 
+namespace {
+
+// The composition itself, on explicit values so that a whole walk keeps its
+// pose in registers.
+inline void composeDown(Math::Quaternion& q, Math::Position3D& t, const Math::Quaternion& e,
+                        const Math::Position3D& d) {
+  t += q * d;  // rotated by what was accumulated before this edge
+  q *= e;
+}
+
+// With inverse = e.inverse() and inverseTranslation = inverse * -d, as
+// xComposeUp computes them.
+inline void composeUp(Math::Quaternion& q, Math::Position3D& t, const Math::Quaternion& inverse,
+                      const Math::Position3D& inverseTranslation) {
+  t += inverseTranslation;
+  q *= inverse;
+}
+
+}  // namespace
+
 PathVisitor::PathVisitor() : quaternion(), translation() {}
 
 void PathVisitor::startVisit() {
@@ -16,8 +36,7 @@ void PathVisitor::startVisit() {
 void PathVisitor::stopVisit() {}
 
 void PathVisitor::xComposeDown(const Math::Quaternion& e, const Math::Position3D& d) {
-  translation += quaternion * d;  // rotated by what was accumulated before this edge
-  quaternion *= e;
+  composeDown(quaternion, translation, e, d);
 }
 
 // The inverse edge's translation is added as it stands, not rotated by the
@@ -26,8 +45,7 @@ void PathVisitor::xComposeDown(const Math::Quaternion& e, const Math::Position3D
 // behaved; callers' stored results rely on it.
 void PathVisitor::xComposeUp(const Math::Quaternion& e, const Math::Position3D& d) {
   const Math::Quaternion inverse = e.inverse();
-  translation += inverse * -d;
-  quaternion *= inverse;
+  composeUp(quaternion, translation, inverse, inverse * -d);
 }
 
 // A live edge refreshes on every read: each value is read once, down edges
@@ -53,6 +71,40 @@ void PathVisitor::onUpEdge(int, int, Displacement& edge) {
 }
 void PathVisitor::onUpEdge(int, int, KQMotionDisplacement& edge) { xUp(edge); }
 void PathVisitor::onUpEdge(int, int, KQOdometryDisplacement& edge) { xUp(edge); }
+
+int PathVisitor::walk(const KQSceneGraph& graph, int from, int to) {
+  using Kind = KQSceneGraph::EdgeRecord::Kind;
+  startVisit();
+  Math::Quaternion q;
+  Math::Position3D t;
+  const int result = graph.walkPath(
+      from, to,
+      [&](const KQSceneGraph::EdgeRecord& edge) {
+        if (edge.kind == Kind::kFixed) {
+          composeUp(q, t, edge.inverseRotation, edge.inverseTranslation);
+        } else if (edge.kind == Kind::kLive) {
+          quaternion = q;
+          translation = t;
+          xUp(*edge.live);
+          q = quaternion;
+          t = translation;
+        }
+      },
+      [&](const KQSceneGraph::EdgeRecord& edge) {
+        if (edge.kind == Kind::kFixed) {
+          composeDown(q, t, edge.rotation, edge.translation);
+        } else if (edge.kind == Kind::kLive) {
+          quaternion = q;
+          translation = t;
+          xDown(*edge.live);
+          q = quaternion;
+          t = translation;
+        }
+      });
+  quaternion = q;
+  translation = t;
+  return result;
+}
 
 void PathVisitor::getDisplacement(std::vector<float>& quaternionOut, std::vector<float>& translationOut) const {
   quaternionOut = quaternion.toVector();

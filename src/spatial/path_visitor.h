@@ -8,6 +8,11 @@
 // siblings) and for paths whose earlier up edges do not rotate. Kept as is.
 // Nothing is normalised.
 //
+// walk(graph, from, to) gives the same result without the visitor's calls,
+// over KQSceneGraph::walkPath: fixed edges come from the graph's records
+// (the values this visitor would compute from them, bit for bit), live edges
+// are read through their getters in the same order as visitPath reads them.
+//
 // Threading: one walk, one thread.
 #ifndef KQ_SPATIAL_PATH_VISITOR_H_
 #define KQ_SPATIAL_PATH_VISITOR_H_
@@ -16,6 +21,7 @@
 
 #include "middleware/math.h"
 #include "spatial/graph_visitor.h"
+#include "spatial/scene_graph.h"
 
 namespace KQ {
 
@@ -35,6 +41,11 @@ class PathVisitor : public GraphVisitor {
   void onUpEdge(int from, int to, KQOdometryDisplacement& edge) override;
 
   void getDisplacement(std::vector<float>& quaternion, std::vector<float>& translation) const;
+
+  // Composes the path from -> to of `graph`; a KQSceneGraph result code.
+  int walk(const KQSceneGraph& graph, int from, int to);
+  const Math::Quaternion& getQuaternion() const { return quaternion; }
+  const Math::Position3D& getTranslation() const { return translation; }
 
  private:
   // Live edges: read through the getters, in the order they always were.

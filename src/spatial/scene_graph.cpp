@@ -6,15 +6,6 @@
 
 namespace KQ {
 
-struct KQSceneGraph::Node {
-  bool present = false;
-  int parent = -1;
-  int depth = 0;  // the root is at depth 0
-  std::shared_ptr<EdgeInterface> edge;  // joins the node to its parent; empty on the root
-  std::shared_ptr<GraphNodeData> data;
-  std::vector<int> children;
-};
-
 KQSceneGraph::KQSceneGraph() {
   nodes_.resize(1);
   nodes_[0].present = true;
@@ -23,8 +14,21 @@ KQSceneGraph::KQSceneGraph() {
 
 KQSceneGraph::~KQSceneGraph() = default;
 
-bool KQSceneGraph::xPresent(int id) const {
-  return id >= 0 && static_cast<std::size_t>(id) < nodes_.size() && nodes_[static_cast<std::size_t>(id)].present;
+KQSceneGraph::EdgeRecord KQSceneGraph::xRecordOf(EdgeInterface* edge) {
+  EdgeRecord record;
+  if (auto* fixed = dynamic_cast<Displacement*>(edge)) {
+    // The same conversions and operations as a walk through PathVisitor,
+    // done once: the values are bit for bit those it computes.
+    record.kind = EdgeRecord::Kind::kFixed;
+    record.rotation = Math::Quaternion(fixed->getQuaternion());
+    record.translation = Math::Position3D(fixed->getTranslation());
+    record.inverseRotation = record.rotation.inverse();
+    record.inverseTranslation = record.inverseRotation * -record.translation;
+  } else if (auto* live = dynamic_cast<DisplacementInterface*>(edge)) {
+    record.kind = EdgeRecord::Kind::kLive;
+    record.live = live;
+  }
+  return record;
 }
 
 int KQSceneGraph::addNode(int& newId, std::shared_ptr<EdgeInterface> edge, int parentId) {
@@ -42,6 +46,7 @@ int KQSceneGraph::addNode(int& newId, std::shared_ptr<EdgeInterface> edge, int p
   node.present = true;
   node.parent = parentId;
   node.depth = nodes_[static_cast<std::size_t>(parentId)].depth + 1;
+  node.record = xRecordOf(edge.get());
   node.edge = std::move(edge);
   node.data.reset();
   node.children.clear();
@@ -83,6 +88,7 @@ int KQSceneGraph::setDisplacement(int parentId, int childId, std::shared_ptr<Edg
   Node& child = nodes_[static_cast<std::size_t>(childId)];
   if (childId == 0 || child.parent != parentId) return kNotAChild;
   if (!edge) return kNullEdge;
+  child.record = xRecordOf(edge.get());
   child.edge = std::move(edge);
   return kOk;
 }

@@ -14,6 +14,12 @@
 // then for each child M of a visited node P: edge(M).acceptOnDownEdge(P, M)
 // then onNode(M) (a node's onNode always after its parent's); stopVisit.
 //
+// walkPath(from, to, up, down): the edges of visitPath's walk, in the same
+// order, without a visitor: up(record) for each up edge, down(record) for
+// each down edge, where record is the child's EdgeRecord. It is the fast path
+// of present-time pose queries (no virtual call, no copy of a fixed edge's
+// lists); every node's record is kept by addNode and setDisplacement.
+//
 // Invariants it owns: every present non-root node has a present parent, a
 // non-empty edge and a depth one more than its parent's; a node is listed in
 // its parent's children exactly once. Ids of removed nodes are handed out
@@ -38,6 +44,20 @@ namespace KQ {
 
 class KQSceneGraph {
  public:
+  // What a walk needs of the edge joining a node to its parent. A fixed edge
+  // (Displacement, immutable) is copied once, with the two values an up edge
+  // derives from it, so that a walk reads plain floats; a live edge is only
+  // pointed at, to be read through its getters when walked.
+  struct EdgeRecord {
+    enum class Kind : unsigned char { kNone, kFixed, kLive };
+    Kind kind = Kind::kNone;  // kNone: the root, or an edge that carries no pose
+    DisplacementInterface* live = nullptr;  // kLive only; owned by the node's edge
+    Math::Quaternion rotation;              // kFixed: e
+    Math::Position3D translation;           // kFixed: d
+    Math::Quaternion inverseRotation;       // kFixed: inverse(e)
+    Math::Position3D inverseTranslation;    // kFixed: inverse(e) * -d
+  };
+
   enum ResultCode : int {
     kOk = 0,
     kNodeNotFound = 1,     // an id that is not present
@@ -66,6 +86,8 @@ class KQSceneGraph {
   int isNodePresent(int id) const;  // 0 when present
   int visitPath(GraphVisitor& visitor, int from, int to) const;
   int visitBFS(GraphVisitor& visitor, int start) const;
+  template <class Up, class Down>
+  int walkPath(int from, int to, Up&& up, Down&& down) const;
   void clearGraph();
   std::string getErrorMessage(int code) const;
 
@@ -79,10 +101,64 @@ class KQSceneGraph {
   int xCommonAncestor(int a, int b) const;
   // Pose of `id` in the frame of `ancestor`, an ancestor of `id` (or itself).
   int xPoseBelow(Math::Quaternion& rotation, Math::Position3D& translation, int ancestor, int id) const;
+  // The record of the node's edge, refreshed whenever the edge changes.
+  static EdgeRecord xRecordOf(EdgeInterface* edge);
   std::vector<Node> nodes_;  // indexed by id; removed ids are kept free
   std::vector<int> freeIds_;
   int count_ = 0;
 };
+
+struct KQSceneGraph::Node {
+  bool present = false;
+  int parent = -1;
+  int depth = 0;  // the root is at depth 0
+  EdgeRecord record;
+  std::shared_ptr<EdgeInterface> edge;  // joins the node to its parent; empty on the root
+  std::shared_ptr<GraphNodeData> data;
+  std::vector<int> children;
+};
+
+inline bool KQSceneGraph::xPresent(int id) const {
+  return id >= 0 && static_cast<std::size_t>(id) < nodes_.size() && nodes_[static_cast<std::size_t>(id)].present;
+}
+
+template <class Up, class Down>
+int KQSceneGraph::walkPath(int from, int to, Up&& up, Down&& down) const {
+  if (!xPresent(from) || !xPresent(to)) return kNodeNotFound;
+  // One climb from both ends finds the common ancestor: the up edges are
+  // handed over on the way (in visitPath's order), the way down is buffered
+  // to be handed over in reverse once every up edge is done; on the stack
+  // for ordinary depths.
+  constexpr std::size_t kStackDepth = 64;
+  const Node* onStack[kStackDepth];
+  std::vector<const Node*> onHeap;
+  std::size_t steps = 0;
+  const auto climbDown = [&](const Node& node) {
+    if (steps == kStackDepth) onHeap.assign(onStack, onStack + kStackDepth);
+    if (steps >= kStackDepth) onHeap.push_back(&node);
+    else onStack[steps] = &node;
+    ++steps;
+  };
+  const Node* a = &nodes_[static_cast<std::size_t>(from)];
+  const Node* b = &nodes_[static_cast<std::size_t>(to)];
+  while (a->depth > b->depth) {
+    up(a->record);
+    a = &nodes_[static_cast<std::size_t>(a->parent)];
+  }
+  while (b->depth > a->depth) {
+    climbDown(*b);
+    b = &nodes_[static_cast<std::size_t>(b->parent)];
+  }
+  while (a != b) {
+    up(a->record);
+    a = &nodes_[static_cast<std::size_t>(a->parent)];
+    climbDown(*b);
+    b = &nodes_[static_cast<std::size_t>(b->parent)];
+  }
+  const Node* const* way = steps > kStackDepth ? onHeap.data() : onStack;
+  for (std::size_t i = steps; i-- > 0;) down(way[i]->record);
+  return kOk;
+}
 
 }  // namespace KQ
 

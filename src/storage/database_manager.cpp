@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <list>
 #include <mutex>
+#include <set>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -203,6 +204,12 @@ KQValue emptyArray() {
 // back, so a reader never sees its statement reset by another.
 class KQDatabaseManager::Connection {
  public:
+  // The group transaction of saved rows (appendToGroup / commitGroup).
+  std::mutex groupMutex;
+  bool groupOpen = false;        // a group transaction is open
+  uint64_t groupTicket = 0;      // the open (or last) group's number
+  std::set<uint64_t> failedGroups;  // groups whose commit failed (rare; kept for their late callers)
+
   explicit Connection(const std::string& path) : path_(path) {
     int rc = sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                              nullptr);
@@ -496,7 +503,13 @@ void KQDatabaseManager::setDefaultLimits(int deadlineMs, std::size_t resultCapBy
 int KQDatabaseManager::openConnectionCount() { return gOpenConnections.load(); }
 
 bool KQDatabaseManager::xReady(const char* function) const {
-  if (isOpen()) return true;
+  if (isOpen()) {
+    // Every operation but a saved row first commits an open group, so that
+    // a group holds saved rows only and the caller's transactions stay theirs.
+    std::lock_guard<std::mutex> group(connection_->groupMutex);
+    xCommitGroup();
+    return true;
+  }
   KQDB_LOG(ko::log::error, function) << "No database is open.";
   return false;
 }
@@ -597,6 +610,40 @@ int KQDatabaseManager::save() const {
   return rc;
 }
 
+void KQDatabaseManager::xCommitGroup() const {
+  if (!connection_->groupOpen) return;
+  connection_->groupOpen = false;
+  if (connection_->exec("COMMIT", "commitGroup") == SQLITE_OK) return;
+  connection_->exec("ROLLBACK", "commitGroup");
+  connection_->failedGroups.insert(connection_->groupTicket);
+}
+
+int KQDatabaseManager::appendToGroup(const std::string& table, const KQValue& row, uint64_t& ticket) {
+  ticket = 0;
+  if (!isOpen()) {
+    xReady("appendToGroup");  // logs that no database is open
+    return 1;
+  }
+  std::lock_guard<std::mutex> group(connection_->groupMutex);
+  if (!connection_->groupOpen && sqlite3_get_autocommit(connection_->db()) != 0) {
+    // A BEGIN that fails leaves the row to a commit of its own.
+    if (connection_->exec("BEGIN IMMEDIATE", "appendToGroup") != SQLITE_OK) return xInsertRow(table, row);
+    connection_->groupOpen = true;
+    ++connection_->groupTicket;
+  }
+  // Inside the caller's own transaction the row simply joins it (ticket 0).
+  const int status = xInsertRow(table, row);
+  if (status == 0 && connection_->groupOpen) ticket = connection_->groupTicket;
+  return status;
+}
+
+int KQDatabaseManager::commitGroup(uint64_t ticket) {
+  if (ticket == 0 || !connection_) return 0;
+  std::lock_guard<std::mutex> group(connection_->groupMutex);
+  if (connection_->groupOpen && connection_->groupTicket == ticket) xCommitGroup();
+  return connection_->failedGroups.count(ticket) != 0 ? 1 : 0;
+}
+
 int KQDatabaseManager::createTable(const std::string& table, const std::string& columns) {
   if (!xReady("createTable")) return 1;
   return xInTransaction("createTable", [&]() {
@@ -609,6 +656,10 @@ int KQDatabaseManager::createTable(const std::string& table, const std::string& 
 
 int KQDatabaseManager::insertRow(const std::string& table, const KQValue& row) {
   if (!xReady("insertRow")) return 1;
+  return xInsertRow(table, row);
+}
+
+int KQDatabaseManager::xInsertRow(const std::string& table, const KQValue& row) {
   if (!rowIsWellFormed(row)) {
     KQDB_LOG(ko::log::error, "insertRow")
         << "Row for " << table << " is not a list of [column, value] pairs: " << row.toText();
@@ -793,6 +844,10 @@ int KQDatabaseManager::beginTransaction() {
     return 1;
   }
   return connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
+}
+
+bool KQDatabaseManager::isInTransaction() const {
+  return isOpen() && xReady("isInTransaction") && sqlite3_get_autocommit(connection_->db()) == 0;
 }
 
 int KQDatabaseManager::endTransaction() {

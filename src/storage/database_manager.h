@@ -24,16 +24,17 @@
 // statements cached per SQL text, writes that open a transaction use
 // BEGIN IMMEDIATE, and every table gets an index on (ObjectName, TimeS).
 //
-// Threading: no locking of its own beyond SQLite's serialized mode; the only
-// mutex here guards the statement cache, from which each call checks its
-// statement out, so concurrent readers never share one. The module calls
-// writers under its category lock held exclusively and readers under it held
+// Threading: no locking of its own beyond SQLite's serialized mode, a mutex
+// for the group transaction's state and one that guards the statement cache,
+// from which each call checks its statement out, so concurrent readers
+// never share one. The module calls writers under its category lock held exclusively and readers under it held
 // shared, so one connection may be read by several threads at once but is
 // never written concurrently.
 #ifndef KQ_STORAGE_DATABASE_MANAGER_H_
 #define KQ_STORAGE_DATABASE_MANAGER_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -71,6 +72,7 @@ class KQDatabaseManager {
   // nothing changes); end commits everything since the begin. One left open
   // when the connection closes is committed.
   int beginTransaction();
+  bool isInTransaction() const;  // a transaction is open on the connection
   int endTransaction();
   // Runs `work` (a few writes) atomically: inside the open transaction if
   // there is one (nothing is committed early), else in one of its own.
@@ -83,6 +85,18 @@ class KQDatabaseManager {
   // Each table of this database with its columns as [[name, declared type], ...],
   // in column order; tables by name.
   std::vector<std::pair<std::string, KQValue>> describeTables(int* status) const;
+  // Group commit of saved rows: appendToGroup inserts the row into the
+  // connection's group transaction (begun by a group's first row) and gives
+  // the group's ticket; commitGroup(ticket) commits that group unless it is
+  // committed already, and answers 0 once the row is on disk, 1 when the
+  // group's commit failed (and was rolled back). Inside the caller's own
+  // transaction the row joins it and the ticket is 0 (nothing to wait for).
+  // Every other operation commits an open group first, so a group holds
+  // saved rows only. Callers append under the category lock held
+  // exclusively, release it, then take it again to commit: the rows of
+  // callers that came in between share that commit.
+  int appendToGroup(const std::string& table, const KQValue& row, uint64_t& ticket);
+  int commitGroup(uint64_t ticket);
 
   // Milliseconds a statement holding caller text (select, update, delete)
   // may run before it is interrupted (default 2000).
@@ -108,6 +122,10 @@ class KQDatabaseManager {
   int xIndexTable(const std::string& table, const char* function);
   // Runs `work` inside the open transaction, or inside one of its own.
   int xInTransaction(const char* function, const std::function<int()>& work);
+  // insertRow's work (no commit of an open group).
+  int xInsertRow(const std::string& table, const KQValue& row);
+  // Commits the open group, if any; the caller holds the group mutex.
+  void xCommitGroup() const;
   // Runs one read-only query holding caller text; rows typed by column.
   KQValue xQuery(const std::string& sql, const char* function) const;
 
