@@ -50,8 +50,9 @@ void ModuleLibrary::close(const std::shared_ptr<KQ::KQBroker>& broker) noexcept 
   if (close_ == nullptr) return;
   try {
     const int status = close_(broker);
-    if (status != 0)
+    if (status != 0) {
       KO_LOG(ko::log::warning, "kqbroker", "", "closeModule", 0) << path_ << ": _closeModule returned " << status;
+    }
   } catch (const std::exception& e) {
     KO_LOG(ko::log::warning, "kqbroker", "", "closeModule", 0) << path_ << ": _closeModule failed: " << e.what();
   } catch (...) {
