@@ -54,7 +54,9 @@ class AbuseTest(kqservice.FolderTest):
             self.assertTrue(all(a.startswith(b"HTTP/1.1 503") for a in answers), answers)
             time.sleep(2.5) or [s.close() for s in idle]
             with open("/proc/%d/status" % service.process.pid) as f:
-                self.assertLess(next(int(line.split()[1]) for line in f if line.startswith("VmRSS")), 256 << 10)
+                # (AddressSanitizer's shadow and quarantine add their own hundreds of MiB.)
+                bound = (1 << 20) if "ASAN_OPTIONS" in os.environ else 256 << 10
+                self.assertLess(next(int(line.split()[1]) for line in f if line.startswith("VmRSS")), bound)
             stop.set() or watcher.join()
             self.assertGreater(len(times), 20)
             # 100 ms for nine in ten, and a liveness bound for all: a busy 2-core machine stalls the client too.
