@@ -52,6 +52,7 @@ double storeAll(unsigned short port, const std::string& module, int objects) {
               std::to_string(i) + R"(","World",[0.5,0.25,0,0,0,0.1],"Load",[]],"id":1})";
     http::request<http::string_body> request(http::verb::post, "/rpc", 11, body + "]");
     request.set(http::field::host, "127.0.0.1");
+    request.set(http::field::content_type, "application/json");
     request.prepare_payload();
     http::write(stream, request);
     http::response<http::string_body> response;
