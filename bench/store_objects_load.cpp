@@ -1,18 +1,13 @@
-// Storing a large world over the wire: 100,000 objects stored under "World" by JSON-RPC batches of 1,000
-// storeObject calls, one HTTP keep-alive client, against the world model behind the real RPC server (in this
-// process, with the built-in KQMemory). Goal: at most 2 s in all. The peer is the same batches answered by a
-// storeObject that does nothing (the transport's and dispatcher's own share), measured in the same run.
-// Usage: kq_bench_store_objects_load [objects, a multiple of 1000, default 100000].
-#include <algorithm>
+// 100,000 objects stored by JSON-RPC batches of 1,000 storeObject calls over one HTTP connection, into the world
+// model behind the real RPC server (in this process, with the built-in KQMemory): at most 2 s. Peer, same run: the
+// same batches answered by a storeObject that does nothing (the transport's and dispatcher's own share).
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
 #include "middleware/broker.h"
-#include "middleware/log.h"
 #include "middleware/modules/memory_module.h"
 #include "middleware/net/rpc_server.h"
 #include "middleware/path.h"
@@ -20,13 +15,11 @@
 #include "support/scripted_motion_module.h"
 #include "support/temp_dir.h"
 
-namespace beast = boost::beast;
-namespace http = beast::http;
-using tcp = boost::asio::ip::tcp;
+namespace http = boost::beast::http;
 
 namespace {
 
-const int kBatch = 1000;
+const int kObjects = 100000, kBatch = 1000;
 
 // The peer: the world model's storeObject signature, answering 0 at once.
 struct FloorModule : KQ::KQModule {
@@ -38,14 +31,14 @@ struct FloorModule : KQ::KQModule {
                   const KQ::KQValue&) { return 0; }
 };
 
-// Sends `objects` storeObject calls to `module` in batches; seconds taken, or -1 when a call did not answer 0.
-double storeAll(unsigned short port, const std::string& module, int objects) {
+// Sends kObjects storeObject calls to `module` in batches; seconds taken, or -1 when a call did not answer 0.
+double storeAll(unsigned short port, const std::string& module) {
   boost::asio::io_context io;
-  beast::tcp_stream stream(io);
-  stream.connect(tcp::resolver(io).resolve("127.0.0.1", std::to_string(port)));
-  beast::flat_buffer buffer;
+  boost::beast::tcp_stream stream(io);
+  stream.connect(boost::asio::ip::tcp::resolver(io).resolve("127.0.0.1", std::to_string(port)));
+  boost::beast::flat_buffer buffer;
   const auto start = std::chrono::steady_clock::now();
-  for (int first = 0; first < objects; first += kBatch) {
+  for (int first = 0; first < kObjects; first += kBatch) {
     std::string body;
     for (int i = first; i < first + kBatch; ++i)
       body += (i == first ? "[" : ",") + (R"({"jsonrpc":"2.0","method":")" + module + R"(.storeObject","params":["o)") +
@@ -54,9 +47,8 @@ double storeAll(unsigned short port, const std::string& module, int objects) {
     request.set(http::field::host, "127.0.0.1");
     request.set(http::field::content_type, "application/json");
     request.prepare_payload();
-    http::write(stream, request);
     http::response<http::string_body> response;
-    http::read(stream, buffer, response);
+    http::write(stream, request), http::read(stream, buffer, response);
     int answered = 0;
     for (std::size_t at = 0; (at = response.body().find("\"result\":0", at + 1)) != std::string::npos;) ++answered;
     if (answered != kBatch) return std::fprintf(stderr, "%.200s\n", response.body().c_str()), -1;
@@ -66,27 +58,23 @@ double storeAll(unsigned short port, const std::string& module, int objects) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  const int objects = argc > 1 ? std::max(1, std::atoi(argv[1]) / kBatch) * kBatch : 100000;
-  ko::log::setCategoryLevel("KQWorldRepresentation", ko::log::error);
+int main() {
   KQ::test::TempDir dir;
   ko::path::setComponentDataPath("worldrepresentation", dir.path());
   auto broker = std::make_shared<KQ::KQBroker>("kqbench");
   auto memory = KQ::KQModule::createModule<KQ::KQMemoryModule>(broker, KQ::KQMemoryModule::kModuleName);
   auto motion = KQ::KQModule::createModule<KQ::test::ScriptedMotionModule>(broker, "KQMotion");
   auto world = KQ::KQModule::createModule<KQ::KQWorldRepresentation>(broker, "KQWorldRepresentation");
-  auto floor = KQ::KQModule::createModule<FloorModule>(broker, "Floor");
   world->createObjectCategory("Load", false);
+  auto floor = KQ::KQModule::createModule<FloorModule>(broker, "Floor");
   KQ::net::RpcServerOptions options;
-  options.port = 0;
+  options.port = 0;  // any free one
   KQ::net::RpcServer server(broker, options);
   server.start();
 
-  const double peer = storeAll(server.port(), "Floor", objects);
-  const double ours = storeAll(server.port(), "KQWorldRepresentation", objects);
-  std::printf("%d objects in batches of %d: world %.2f s (%.0f objects/s) | floor %.2f s | ratio %.2f "
-              "(goal: world <= 2 s at 100000)\n",
-              objects, kBatch, ours, objects / ours, peer, ours / peer);
+  const double peer = storeAll(server.port(), "Floor"), ours = storeAll(server.port(), "KQWorldRepresentation");
+  std::printf("%d objects in batches of %d: world %.2f s | floor %.2f s | ratio %.2f (goal: world <= 2 s)\n", kObjects,
+              kBatch, ours, peer, ours / peer);
   server.stop();
   broker->shutdown();
   return ours < 0 || peer < 0 ? 1 : 0;

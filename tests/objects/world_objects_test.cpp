@@ -83,8 +83,8 @@ TEST_F(WorldObjectsTest, StoredObjectsAreFoundByName) {
 TEST_F(WorldObjectsTest, ObjectsStoredInACallSequenceAreCommittedTogetherWhenItEnds) {
   {
     CallSequence batch;  // as the calls of one JSON-RPC batch
-    ASSERT_EQ(0, store("table", "World", pose6D(2, 0, 0)));
-    ASSERT_EQ(0, store("cup", "table", pose6D(0.5f, 0, 0), attribute("weight", "kg", 0.3f)));
+    ASSERT_EQ(0, store("table", "World", pose6D(2, 0, 0)) +
+                     store("cup", "table", pose6D(0.5f, 0, 0), attribute("weight", "kg", 0.3f)));
     EXPECT_EQ(0, rows("table") + rows("cup") + rows("cup", "weight"));  // another connection sees none yet
   }
   EXPECT_EQ((Rows{{"World", "1700000000", "0", "0.0", "2.0", "0.0"}}), history("table"));
