@@ -214,6 +214,13 @@ class KQWorldRepresentation : public KQModule {
   uint64_t xAppendPosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
                            const std::vector<float>& quaternion, const std::vector<float>& translation,
                            const ko::os::timeval& time) REQUIRES(categoryLock_);
+  // storeObject's rows inside a call sequence (a JSON-RPC batch): into the
+  // category's group transaction, whose commit is put off to the sequence's
+  // end (once for the batch, before any of its answers leaves).
+  void xAppendObjectRows(KQDatabaseManager& db, const std::string& category, const std::string& name,
+                         const std::string& parentName, const std::vector<float>& quaternion,
+                         const std::vector<float>& translation, const ko::os::timeval& time,
+                         const KQValue& attributes) REQUIRES(categoryLock_);
   void xStorePosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
                       const std::vector<float>& quaternion, const std::vector<float>& translation,
                       const ko::os::timeval& time) REQUIRES(categoryLock_);

@@ -119,11 +119,10 @@ int InterPosVisitor::xInterpolate(const std::string& name, const std::string& ca
 
   // A name holding a quote builds no statement: the edge keeps its present pose.
   if (name.find('\'') != std::string::npos) return 1;
-  const std::string timeText = std::to_string(time_);
-  const std::string condition = objectCondition(name) + " AND TimeS ";
-  // Rows of the requested second match neither query ("<" and ">").
-  const KQValue earlier = db.selectWithOrder(kPositionsAttributeName, condition + "<" + timeText, "TimeS DESC", "*", 1);
-  const KQValue later = db.selectWithOrder(kPositionsAttributeName, condition + ">" + timeText, "TimeS ASC", "*", 1);
+  // Rows of the requested second match neither search ("<" and ">").
+  KQValue earlier;
+  KQValue later;
+  db.selectAroundSecond(kPositionsAttributeName, name, time_, earlier, later);
 
   if (!earlier.isArray() || earlier.getSize() == 0) return 1;
   if (!later.isArray() || later.getSize() == 0) return 2;

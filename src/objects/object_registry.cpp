@@ -2,17 +2,20 @@
 // object), find, list and clear. An object is at once a scene-graph node, an
 // entry of the object map, a WorldObject payload on the node and rows in its
 // category's database; the operations here keep the four in step.
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 
+#include "middleware/call_sequence.h"
 #include "middleware/math.h"
 #include "module/module_log.h"
 #include "module/world_representation.h"
 #include "spatial/edge_interface.h"
 #include "spatial/names_visitor.h"
 #include "spatial/pose_conversions.h"
+#include "storage/attribute_rows.h"
 #include "storage/shape_checks.h"
 #include "storage/world_object.h"
 
@@ -105,6 +108,10 @@ int KQWorldRepresentation::xStoreObject(const std::string& name,
     // The rows join a transaction the caller has open on this category
     // (nothing is committed early), or get one of their own.
     KQDatabaseManager& db = database->second;
+    if (CallSequence::isOpen()) {
+      xAppendObjectRows(db, category, name, parentName, quaternion, translation, time, attributes);
+      return 0;
+    }
     db.inTransaction([&]() REQUIRES(categoryLock_) {
       xStorePosition(db, name, parentName, quaternion, translation, time);
       for (int i = 0; i < attributeCount; ++i) {
@@ -115,6 +122,35 @@ int KQWorldRepresentation::xStoreObject(const std::string& name,
     });
   }
   return 0;
+}
+
+void KQWorldRepresentation::xAppendObjectRows(KQDatabaseManager& db, const std::string& category,
+                                              const std::string& name, const std::string& parentName,
+                                              const std::vector<float>& quaternion,
+                                              const std::vector<float>& translation, const ko::os::timeval& time,
+                                              const KQValue& attributes) {
+  // Nothing else reaches the connection between these appends (the category
+  // lock is held), so the rows of one call share one group: atomic as in a
+  // transaction of their own.
+  uint64_t ticket = xAppendPosition(db, name, parentName, quaternion, translation, time);
+  for (int i = 0; i < attributes.getSize(); ++i) {
+    const std::string& attribute = attributes[i][0].toString();
+    KQValue row(attributes[i][1]);
+    addSpecialFields(row, name, time);
+    uint64_t attributeTicket = 0;
+    if (db.appendToGroup(attribute, row, attributeTicket) != 0) continue;
+    if (attributeTicket != 0) ticket = attributeTicket;
+    if (attribute == displayAttributeName_) addObjectToDisplayEvent(name);
+  }
+  if (ticket == 0) return;  // joined the caller's own transaction
+  // The commit takes the category lock again, as a saved move's does; the
+  // latest ticket of a category stands for the batch's earlier ones (a group
+  // opens only once the previous one is committed).
+  auto self = std::static_pointer_cast<KQWorldRepresentation>(shared_from_this());
+  CallSequence::deferToEnd("KQWorldRepresentation:" + getName() + ":" + category, [self, db, ticket]() mutable {
+    WriterLock categoryLock(self->categoryLock_);
+    db.commitGroup(ticket);
+  });
 }
 
 int KQWorldRepresentation::storeObjectWithReference(const std::string& name, const std::string& parentName,

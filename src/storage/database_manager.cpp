@@ -413,6 +413,7 @@ class KQDatabaseManager::CachedStatement {
   sqlite3_stmt* get() const { return stmt_; }
   int step() { return connection_.step(stmt_, sql_, function_); }
   int run() { return connection_.stepAll(stmt_, sql_, function_); }
+  const std::string& sql() const { return sql_; }
 
  private:
   Connection& connection_;
@@ -746,6 +747,32 @@ KQValue KQDatabaseManager::xQuery(const std::string& sql, const char* function) 
     KQDB_LOG(ko::log::error, function) << "Refused a statement that writes: " << sql;
     return emptyArray();
   }
+  return xReadRows(stmt, function);
+}
+
+void KQDatabaseManager::selectAroundSecond(const std::string& table, const std::string& objectName, int second,
+                                           KQValue& before, KQValue& after) const {
+  before = emptyArray();
+  after = emptyArray();
+  if (!xReady("selectAroundSecond")) return;
+  // Same text for every object and second, so each connection prepares the
+  // two statements once and keeps them in its cache.
+  const std::string select =
+      "SELECT * FROM " + quoteSqlIdentifier(table) + " WHERE \"ObjectName\" = ?1 AND \"TimeS\" ";
+  AccessScope scope(Access::kRead, connection_->deadlineMs());
+  for (KQValue* rows : {&before, &after}) {
+    CachedStatement stmt(*connection_,
+                         select + (rows == &before ? "< ?2 ORDER BY \"TimeS\" DESC" : "> ?2 ORDER BY \"TimeS\" ASC") +
+                             " LIMIT 1",
+                         "selectAroundSecond");
+    if (stmt.status() != SQLITE_OK) continue;
+    sqlite3_bind_text(stmt.get(), 1, objectName.data(), static_cast<int>(objectName.size()), SQLITE_STATIC);
+    sqlite3_bind_int(stmt.get(), 2, second);
+    *rows = xReadRows(stmt, "selectAroundSecond");
+  }
+}
+
+KQValue KQDatabaseManager::xReadRows(CachedStatement& stmt, const char* function) const {
   const int columnCount = sqlite3_column_count(stmt.get());
   const std::size_t cap = connection_->resultCapBytes();
   std::size_t bytes = 0;
@@ -761,7 +788,7 @@ KQValue KQDatabaseManager::xQuery(const std::string& sql, const char* function) 
     }
     if (bytes > cap) {
       KQDB_LOG(ko::log::error, function) << "Result larger than its cap of " << cap
-                                         << " bytes (--max-message): " << sql;
+                                         << " bytes (--max-message): " << stmt.sql();
       return emptyArray();
     }
     rows.push_back(std::move(row));

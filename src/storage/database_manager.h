@@ -67,6 +67,16 @@ class KQDatabaseManager {
   KQValue select(const std::string& table, const std::string& where, const std::string& columns) const;
   KQValue selectWithOrder(const std::string& table, const std::string& where, const std::string& order,
                           const std::string& columns, int last) const;
+  // The rows of one object on either side of a second, for queries of the
+  // past: into `before` the latest row of `objectName` in `table` with TimeS
+  // strictly before `second`, into `after` the earliest with TimeS strictly
+  // after it (rows of equal TimeS in the order of the (ObjectName, TimeS)
+  // index, as an ORDER BY TimeS LIMIT 1 select takes them). Each is a result
+  // as select's ("*" rows typed by column, capped alike): one row or none.
+  // Two searches of the index by statements prepared once per connection,
+  // the name and second bound, not written into the SQL.
+  void selectAroundSecond(const std::string& table, const std::string& objectName, int second, KQValue& before,
+                          KQValue& after) const;
   int resetDatabase();
   // A caller's transaction: a begin while one is open is refused (non-zero,
   // nothing changes); end commits everything since the begin. One left open
@@ -128,6 +138,9 @@ class KQDatabaseManager {
   void xCommitGroup() const;
   // Runs one read-only query holding caller text; rows typed by column.
   KQValue xQuery(const std::string& sql, const char* function) const;
+  // Steps a read-only statement to its end: its rows typed by column, cut
+  // off at the result cap (an empty result then, as on any failure).
+  KQValue xReadRows(CachedStatement& stmt, const char* function) const;
 
   std::shared_ptr<Connection> connection_;
 };

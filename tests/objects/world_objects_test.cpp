@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "middleware/call_sequence.h"
 #include "middleware/error.h"
 #include "spatial/scene_graph.h"
 #include "support/checks.h"
@@ -77,6 +78,18 @@ TEST_F(WorldObjectsTest, StoredObjectsAreFoundByName) {
   EXPECT_EQ((Rows{{"table", "1700000000", "250", "0.0", "0.5", "0.0"}}), history("cup"));
   EXPECT_EQ(1, rows("cup", "weight"));
   EXPECT_TRUE(worldLog().empty()) << ::testing::PrintToString(worldLog());
+}
+
+TEST_F(WorldObjectsTest, ObjectsStoredInACallSequenceAreCommittedTogetherWhenItEnds) {
+  {
+    CallSequence batch;  // as the calls of one JSON-RPC batch
+    ASSERT_EQ(0, store("table", "World", pose6D(2, 0, 0)) +
+                     store("cup", "table", pose6D(0.5f, 0, 0), attribute("weight", "kg", 0.3f)));
+    EXPECT_EQ(0, rows("table") + rows("cup") + rows("cup", "weight"));  // another connection sees none yet
+  }
+  EXPECT_EQ((Rows{{"World", "1700000000", "0", "0.0", "2.0", "0.0"}}), history("table"));
+  EXPECT_EQ((Rows{{"table", "1700000000", "0", "0.0", "0.5", "0.0"}}), history("cup"));
+  EXPECT_EQ(1, rows("cup", "weight"));
 }
 
 TEST_F(WorldObjectsTest, PosesThroughTheRobotsLiveFrames) {
