@@ -92,18 +92,14 @@ class DepthLimitedBuilder {
   std::string message_;
 };
 
-// text with every number outside strings that overflows a double replaced
-// by the overflow token of its sign.
-std::string withOverflowsMarked(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
+// Where a scan of JSON text stands with respect to strings: insideAfter(c)
+// says whether c belongs to a string (its quotes included), so that callers
+// look only at the structure outside strings.
+struct JsonStringTracker {
   bool inString = false;
   bool escaped = false;
-  for (std::size_t i = 0; i < text.size();) {
-    const char c = text[i];
+  bool insideAfter(char c) {
     if (inString) {
-      out += c;
-      ++i;
       if (escaped) {
         escaped = false;
       } else if (c == '\\') {
@@ -111,10 +107,22 @@ std::string withOverflowsMarked(std::string_view text) {
       } else if (c == '"') {
         inString = false;
       }
-      continue;
+      return true;
     }
-    if (c == '"') inString = true;
-    if (c != '-' && (c < '0' || c > '9')) {
+    inString = c == '"';
+    return inString;
+  }
+};
+
+// text with every number outside strings that overflows a double replaced
+// by the overflow token of its sign.
+std::string withOverflowsMarked(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  JsonStringTracker strings;
+  for (std::size_t i = 0; i < text.size();) {
+    const char c = text[i];
+    if (strings.insideAfter(c) || (c != '-' && (c < '0' || c > '9'))) {
       out += c;
       ++i;
       continue;
@@ -340,23 +348,10 @@ KQValue fromJson(const json& j) {
 
 bool jsonDepthExceeds(std::string_view text, int maxDepth) {
   int depth = 0;
-  bool inString = false;
-  bool escaped = false;
+  JsonStringTracker strings;
   for (const char c : text) {
-    if (inString) {
-      if (escaped) {
-        escaped = false;
-      } else if (c == '\\') {
-        escaped = true;
-      } else if (c == '"') {
-        inString = false;
-      }
-      continue;
-    }
+    if (strings.insideAfter(c)) continue;
     switch (c) {
-      case '"':
-        inString = true;
-        break;
       case '[':
       case '{':
         if (++depth > maxDepth) return true;
