@@ -61,15 +61,18 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   std::vector<float> quaternion = objectInParentRotation.toVector();
   std::vector<float> translation = objectInParentTranslation.toVector();
 
-  struct InFlight {  // counts this call among the saved moves under way
-    std::atomic<int>& count;
-    ~InFlight() { --count; }
+  class InFlight {  // counts this call among the saved moves under way
+   public:
+    explicit InFlight(std::atomic<int>& count) : count_(count) { ++count_; }
+    InFlight(const InFlight&) = delete;
+    InFlight& operator=(const InFlight&) = delete;
+    ~InFlight() { --count_; }
+
+   private:
+    std::atomic<int>& count_;
   };
   std::optional<InFlight> inFlight;
-  if (save) {
-    ++savedMovesInFlight_;
-    inFlight.emplace(InFlight{savedMovesInFlight_});
-  }
+  if (save) inFlight.emplace(savedMovesInFlight_);
   std::string category;
   int result;
   uint64_t ticket = 0;  // the group commit that will hold the history row
