@@ -1,6 +1,12 @@
 #include "middleware/shared_mutex.h"
 
+#include <thread>
+
 namespace KQ {
+
+namespace {
+const int kWriterYields = 16;  // turns given away before a writer sleeps on a held lock
+}  // namespace
 
 // Sleeps and wakes go through sleepMutex_: a reader empties its slot before
 // taking it to wake the writer, and the writer looks at the slots while
@@ -22,7 +28,17 @@ void KQSharedMutex::xWakeAll() {
 }
 
 void KQSharedMutex::lock() {
-  writerMutex_.lock();
+  // Writers hold the lock for microseconds; a writer that finds it taken
+  // first lets others run awake, as waking a sleeper on another core costs
+  // more than that on a virtual machine.
+  int tries = 0;
+  while (!writerMutex_.try_lock()) {
+    if (++tries == kWriterYields) {
+      writerMutex_.lock();
+      break;
+    }
+    std::this_thread::yield();
+  }
   writer_.store(true);
   std::unique_lock<std::mutex> sleep(sleepMutex_);
   wake_.wait(sleep, [this] { return xNoReaders(); });

@@ -205,17 +205,20 @@ class KQWorldRepresentation : public KQModule {
                         Math::Position3D& translation) const REQUIRES_SHARED(objectLock_, graphLock_);
   void xGetPosition(const std::string& first, const std::string& second, std::vector<float>& quaternionOut,
                     std::vector<float>& translationOut) REQUIRES_SHARED(objectLock_, graphLock_);
-  // Takes the joint lock (shared), then graph and category exclusively; a
-  // saved move takes the category lock again, alone, to commit its group.
+  // Takes the joint lock (shared), then the graph lock and the category lock
+  // (exclusively for a lone saved move, shared to queue a row for a group
+  // commit, whose end it awaits with no lock but the object lock).
   int xUpdatePosition(const std::string& name, const std::vector<float>& position, bool save)
       REQUIRES_SHARED(objectLock_) EXCLUDES(jointLock_, graphLock_, categoryLock_);
   // updatePosition's history row, into the category's group commit: the
   // ticket to commit (commitGroup) before answering, 0 when none is needed.
   uint64_t xAppendPosition(KQDatabaseManager& db, const std::string& name, const std::string& parentName,
                            const std::vector<float>& quaternion, const std::vector<float>& translation,
-                           const ko::os::timeval& time) REQUIRES(categoryLock_);
+                           const ko::os::timeval& time) REQUIRES_SHARED(categoryLock_);
+  // The key under which a call sequence keeps the group commit of a category.
+  std::string groupCommitKey(const std::string& category) const;
   // storeObject's rows inside a call sequence (a JSON-RPC batch): into the
-  // category's group transaction, whose commit is put off to the sequence's
+  // category's group commit, put off to the sequence's
   // end (once for the batch, before any of its answers leaves).
   void xAppendObjectRows(KQDatabaseManager& db, const std::string& category, const std::string& name,
                          const std::string& parentName, const std::vector<float>& quaternion,

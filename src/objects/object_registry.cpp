@@ -129,28 +129,28 @@ void KQWorldRepresentation::xAppendObjectRows(KQDatabaseManager& db, const std::
                                               const std::vector<float>& quaternion,
                                               const std::vector<float>& translation, const ko::os::timeval& time,
                                               const KQValue& attributes) {
-  // Nothing else reaches the connection between these appends (the category
-  // lock is held), so the rows of one call share one group: atomic as in a
-  // transaction of their own.
-  uint64_t ticket = xAppendPosition(db, name, parentName, quaternion, translation, time);
+  // The rows of one call are queued together, so they share one group:
+  // atomic as in a transaction of their own.
+  thread_local KQValue position;
+  setPositionsRow(position, parentName, quaternion, translation);
+  std::vector<std::pair<std::string, KQValue>> rows;
+  rows.reserve(1 + static_cast<std::size_t>(attributes.getSize()));
+  rows.emplace_back(kPositionsAttributeName, position);
+  for (int i = 0; i < attributes.getSize(); ++i) rows.emplace_back(attributes[i][0].toString(), attributes[i][1]);
+  for (auto& row : rows) addSpecialFields(row.second, name, time);
+  uint64_t ticket = 0;
+  if (db.appendToGroup(std::move(rows), ticket) != 0) return;
   for (int i = 0; i < attributes.getSize(); ++i) {
-    const std::string& attribute = attributes[i][0].toString();
-    KQValue row(attributes[i][1]);
-    addSpecialFields(row, name, time);
-    uint64_t attributeTicket = 0;
-    if (db.appendToGroup(attribute, row, attributeTicket) != 0) continue;
-    if (attributeTicket != 0) ticket = attributeTicket;
-    if (attribute == displayAttributeName_) addObjectToDisplayEvent(name);
+    if (attributes[i][0].toString() == displayAttributeName_) addObjectToDisplayEvent(name);
   }
   if (ticket == 0) return;  // joined the caller's own transaction
-  // The commit takes the category lock again, as a saved move's does; the
-  // latest ticket of a category stands for the batch's earlier ones (a group
-  // opens only once the previous one is committed).
-  auto self = std::static_pointer_cast<KQWorldRepresentation>(shared_from_this());
-  CallSequence::deferToEnd("KQWorldRepresentation:" + getName() + ":" + category, [self, db, ticket]() mutable {
-    WriterLock categoryLock(self->categoryLock_);
-    db.commitGroup(ticket);
-  });
+  // The latest ticket of a category stands for the batch's earlier ones
+  // (groups are written in order).
+  CallSequence::deferToEnd(groupCommitKey(category), [db, ticket]() mutable { db.commitGroup(ticket); });
+}
+
+std::string KQWorldRepresentation::groupCommitKey(const std::string& category) const {
+  return "KQWorldRepresentation:" + getName() + ":" + category;
 }
 
 int KQWorldRepresentation::storeObjectWithReference(const std::string& name, const std::string& parentName,

@@ -10,6 +10,7 @@
 #include <vector>
 
 
+#include "middleware/call_sequence.h"
 #include "middleware/math.h"
 #include "middleware/memory_proxy.h"
 #include "module/module_log.h"
@@ -75,7 +76,8 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
   if (save) inFlight.emplace(savedMovesInFlight_);
   std::string category;
   int result;
-  uint64_t ticket = 0;  // the group commit that will hold the history row
+  KQDatabaseManager groupDatabase;  // the category's database, while the row awaits its group's commit
+  uint64_t ticket = 0;              // the group commit that will hold the history row
   {
     WriterLock graphLock(graphLock_);
     // Stamps the history row, if one is written. Read under the graph lock, so
@@ -108,25 +110,30 @@ int KQWorldRepresentation::xUpdatePosition(const std::string& name, const std::v
     // Written even when the edge could not be set: the history then holds a
     // pose the graph never had. Kept in this order as the history's readers
     // expect it.
-    if (save) {
+    if (save && savedMovesInFlight_.load() == 1 && !CallSequence::isOpen()) {
+      // Alone, the row is committed at once: a group would only add its
+      // BEGIN and a wait.
       WriterLock categoryLock(categoryLock_);
       auto database = databases_.find(category);
-      // Alone, the row is committed at once: a group would only add its
-      // BEGIN and a second turn of the lock.
-      if (database != databases_.end() && savedMovesInFlight_.load() == 1)
-        xStorePosition(database->second, name, parentName, quaternion, translation, now);
-      else if (database != databases_.end())
+      if (database != databases_.end()) xStorePosition(database->second, name, parentName, quaternion, translation, now);
+    } else if (save) {
+      // Queued for the category's next group commit; the shared lock lets
+      // the other saved moves queue theirs beside it.
+      ReaderLock categoryLock(categoryLock_);
+      auto database = databases_.find(category);
+      if (database != databases_.end()) {
         ticket = xAppendPosition(database->second, name, parentName, quaternion, translation, now);
+        groupDatabase = database->second;
+      }
     }
   }
-  // Answered only once the row is committed. Saved moves of one category
-  // that came in meanwhile joined the same group: the first of them to get
-  // the category lock back commits it for all.
-  if (ticket != 0) {
-    WriterLock categoryLock(categoryLock_);
-    auto database = databases_.find(category);
-    if (database != databases_.end()) database->second.commitGroup(ticket);
-  }
+  // Answered only once the row is committed, with no lock but the object
+  // lock held, so the next group gathers while this one is written. In a
+  // batch the commit waits for the batch's end: one for all its moves.
+  if (ticket != 0 && !CallSequence::deferToEnd(groupCommitKey(category), [groupDatabase, ticket]() mutable {
+        groupDatabase.commitGroup(ticket);
+      }))
+    groupDatabase.commitGroup(ticket);
   return result;
 }
 
@@ -257,10 +264,10 @@ uint64_t KQWorldRepresentation::xAppendPosition(KQDatabaseManager& db, const std
                                                const std::vector<float>& translation, const ko::os::timeval& time) {
   thread_local KQValue row;
   setPositionsRow(row, parentName, quaternion, translation);
-  KQValue stamped(row);
-  addSpecialFields(stamped, name, time);
+  std::vector<std::pair<std::string, KQValue>> rows(1, {kPositionsAttributeName, row});
+  addSpecialFields(rows[0].second, name, time);
   uint64_t ticket = 0;
-  db.appendToGroup(kPositionsAttributeName, stamped, ticket);
+  db.appendToGroup(std::move(rows), ticket);
   return ticket;
 }
 

@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <list>
 #include <mutex>
 #include <set>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -32,6 +34,9 @@ const int kProgressInterval = 1000;
 const std::size_t kStatementCacheCapacity = 128;
 
 const int kMaxValueBytes = 64 * 1024 * 1024;
+// Groups one waiting caller writes in a row before it answers its own.
+const int kGroupsPerLeader = 8;
+const int kYieldsBeforeSleep = 64;
 
 std::atomic<int> gOpenConnections{0};
 // Limits every new connection starts with (the service sets them from its
@@ -204,10 +209,23 @@ KQValue emptyArray() {
 // back, so a reader never sees its statement reset by another.
 class KQDatabaseManager::Connection {
  public:
-  // The group transaction of saved rows (appendToGroup / commitGroup).
+  // One writer of the connection at a time: a group's transaction or any
+  // other write. Taken before groupMutex, never after it.
+  std::mutex writeMutex;
+  // Group commit of saved rows (appendToGroup / commitGroup): rows wait in
+  // `pendingRows` until one writer takes them all and commits them in one
+  // transaction; rows arriving meanwhile gather for the next group. Only
+  // memory is touched under groupMutex, so appending never waits for a
+  // commit in progress.
   std::mutex groupMutex;
-  bool groupOpen = false;        // a group transaction is open
-  uint64_t groupTicket = 0;      // the open (or last) group's number
+  // Waiters of group g wait on groupWritten[g % 2], so the writing of one
+  // group wakes only its own callers (and at most one of the next, to write it).
+  std::condition_variable groupWritten[2];
+  std::vector<std::pair<std::string, KQValue>> pendingRows;  // [table, row] of group `openGroup`
+  uint64_t openGroup = 1;         // the group new rows join
+  uint64_t writtenGroup = 0;      // every group up to this one is written
+  bool leaderWriting = false;     // a waiting appender is writing groups for the others
+  bool callerTransaction = false; // a caller's transaction is open: rows join it at once
   std::set<uint64_t> failedGroups;  // groups whose commit failed (rare; kept for their late callers)
 
   explicit Connection(const std::string& path) : path_(path) {
@@ -484,7 +502,11 @@ KQDatabaseManager::KQDatabaseManager(const KQDatabaseManager& other) = default;
 
 KQDatabaseManager& KQDatabaseManager::operator=(const KQDatabaseManager& other) = default;
 
-KQDatabaseManager::~KQDatabaseManager() = default;
+KQDatabaseManager::~KQDatabaseManager() {
+  // Rows appended by a caller that never asked for their commit are written
+  // by the connection's last holder rather than dropped.
+  if (connection_ && connection_.use_count() == 1 && connection_->isOpen()) xWriteTurn();
+}
 
 bool KQDatabaseManager::isOpen() const { return connection_ && connection_->isOpen(); }
 
@@ -507,10 +529,14 @@ int KQDatabaseManager::openConnectionCount() { return gOpenConnections.load(); }
 
 bool KQDatabaseManager::xReady(const char* function) const {
   if (isOpen()) {
-    // Every operation but a saved row first commits an open group, so that
-    // a group holds saved rows only and the caller's transactions stay theirs.
-    std::lock_guard<std::mutex> group(connection_->groupMutex);
-    xCommitGroup();
+    // Queued rows are written before any other use of the connection, so a
+    // batch that stored an object reads it back, as the calls' order says.
+    bool queued;
+    {
+      std::lock_guard<std::mutex> group(connection_->groupMutex);
+      queued = !connection_->pendingRows.empty();
+    }
+    if (queued) xWriteTurn();
     return true;
   }
   KQDB_LOG(ko::log::error, function) << "No database is open.";
@@ -576,6 +602,7 @@ int KQDatabaseManager::xInTransaction(const char* function, const std::function<
 
 int KQDatabaseManager::load() {
   if (!xReady("load")) return 1;
+  auto turn = xWriteTurn();
   return xInTransaction("load", [this]() {
     int rc = SQLITE_OK;
     std::vector<std::string> tables = xTableNames(&rc);
@@ -590,6 +617,7 @@ int KQDatabaseManager::load() {
 
 int KQDatabaseManager::save() const {
   if (!xReady("save")) return 1;
+  auto turn = xWriteTurn();
   // Commits are already in the write-ahead log; a full checkpoint syncs it
   // and copies it into the database file, so the rows are on disk whatever
   // synchronous=NORMAL skipped at commit time.
@@ -613,42 +641,114 @@ int KQDatabaseManager::save() const {
   return rc;
 }
 
-void KQDatabaseManager::xCommitGroup() const {
-  if (!connection_->groupOpen) return;
-  connection_->groupOpen = false;
-  if (connection_->exec("COMMIT", "commitGroup") == SQLITE_OK) return;
-  connection_->exec("ROLLBACK", "commitGroup");
-  connection_->failedGroups.insert(connection_->groupTicket);
+std::unique_lock<std::mutex> KQDatabaseManager::xWriteTurn() const {
+  std::unique_lock<std::mutex> turn(connection_->writeMutex);
+  // Rows appended before this write are written before it, so the file
+  // keeps the order in which the module took its locks.
+  xWriteGroup();
+  return turn;
 }
 
-int KQDatabaseManager::appendToGroup(const std::string& table, const KQValue& row, uint64_t& ticket) {
+void KQDatabaseManager::xWriteGroup() const {
+  Connection& connection = *connection_;
+  std::vector<std::pair<std::string, KQValue>> rows;
+  uint64_t group = 0;
+  {
+    std::lock_guard<std::mutex> lock(connection.groupMutex);
+    if (connection.pendingRows.empty()) return;
+    rows.swap(connection.pendingRows);
+    group = connection.openGroup++;
+  }
+  // Prepared once per connection: a group is written many times a second.
+  const auto run = [&connection](const char* sql) {
+    CachedStatement statement(connection, sql, "commitGroup");
+    return statement.status() == SQLITE_OK ? statement.run() : statement.status();
+  };
+  // No caller's transaction is open here: while one is, rows join it at once.
+  bool failed = run("BEGIN IMMEDIATE") != SQLITE_OK;
+  if (!failed) {
+    // A refused row is logged by the insert; the group's other rows commit.
+    for (const auto& row : rows) xInsertRow(row.first, row.second);
+    if (run("COMMIT") != SQLITE_OK) {
+      run("ROLLBACK");
+      failed = true;
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(connection.groupMutex);
+    connection.writtenGroup = group;
+    if (failed) connection.failedGroups.insert(group);
+  }
+  connection.groupWritten[group % 2].notify_all();
+}
+
+int KQDatabaseManager::appendToGroup(std::vector<std::pair<std::string, KQValue>> rows, uint64_t& ticket) {
   ticket = 0;
   if (!isOpen()) {
     xReady("appendToGroup");  // logs that no database is open
     return 1;
   }
-  std::lock_guard<std::mutex> group(connection_->groupMutex);
-  if (!connection_->groupOpen && sqlite3_get_autocommit(connection_->db()) != 0) {
-    // A BEGIN that fails leaves the row to a commit of its own.
-    if (connection_->exec("BEGIN IMMEDIATE", "appendToGroup") != SQLITE_OK) return xInsertRow(table, row);
-    connection_->groupOpen = true;
-    ++connection_->groupTicket;
+  {
+    std::lock_guard<std::mutex> group(connection_->groupMutex);
+    if (!connection_->callerTransaction) {
+      std::vector<std::pair<std::string, KQValue>>& pending = connection_->pendingRows;
+      pending.insert(pending.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
+      ticket = connection_->openGroup;
+      return 0;
+    }
   }
-  // Inside the caller's own transaction the row simply joins it (ticket 0).
-  const int status = xInsertRow(table, row);
-  if (status == 0 && connection_->groupOpen) ticket = connection_->groupTicket;
+  // Inside the caller's own transaction the rows simply join it (ticket 0).
+  auto turn = xWriteTurn();
+  int status = 0;
+  for (const auto& row : rows) status = xInsertRow(row.first, row.second) != 0 ? 1 : status;
   return status;
 }
 
 int KQDatabaseManager::commitGroup(uint64_t ticket) {
   if (ticket == 0 || !connection_) return 0;
-  std::lock_guard<std::mutex> group(connection_->groupMutex);
-  if (connection_->groupOpen && connection_->groupTicket == ticket) xCommitGroup();
-  return connection_->failedGroups.count(ticket) != 0 ? 1 : 0;
+  Connection& connection = *connection_;
+  std::unique_lock<std::mutex> group(connection.groupMutex);
+  int spins = 0;
+  while (connection.writtenGroup < ticket) {
+    if (connection.leaderWriting) {
+      if (spins++ < kYieldsBeforeSleep) {
+        // A group is written within tens of microseconds, and waking a
+        // sleeper on another core costs about as much again on a virtual
+        // machine: the caller first gives its core to others, awake.
+        group.unlock();
+        std::this_thread::yield();
+        group.lock();
+        continue;
+      }
+      // The bound only guards against a missed hand-over; the writer of the
+      // group or the leader handing over wakes this caller.
+      connection.groupWritten[ticket % 2].wait_for(group, std::chrono::milliseconds(10));
+      continue;
+    }
+    // No one is writing: this caller writes every row gathered so far, its
+    // own included, then the groups gathered meanwhile (a few, so its own
+    // answer is not held long): their callers sleep on, and no turn passes
+    // between threads.
+    connection.leaderWriting = true;
+    group.unlock();
+    for (int groups = 0; groups < kGroupsPerLeader; ++groups) {
+      xWriteTurn();
+      std::lock_guard<std::mutex> lock(connection.groupMutex);
+      if (connection.pendingRows.empty()) break;
+    }
+    group.lock();
+    connection.leaderWriting = false;
+    // Hands the leader's part to one caller of the next group, if any waits.
+    group.unlock();
+    connection.groupWritten[(connection.writtenGroup + 1) % 2].notify_one();
+    group.lock();
+  }
+  return connection.failedGroups.count(ticket) != 0 ? 1 : 0;
 }
 
 int KQDatabaseManager::createTable(const std::string& table, const std::string& columns) {
   if (!xReady("createTable")) return 1;
+  auto turn = xWriteTurn();
   return xInTransaction("createTable", [&]() {
     int rc = connection_->exec("CREATE TABLE IF NOT EXISTS " + quoteSqlIdentifier(table) + " (" + columns + ")",
                                "createTable");
@@ -659,10 +759,11 @@ int KQDatabaseManager::createTable(const std::string& table, const std::string& 
 
 int KQDatabaseManager::insertRow(const std::string& table, const KQValue& row) {
   if (!xReady("insertRow")) return 1;
+  auto turn = xWriteTurn();
   return xInsertRow(table, row);
 }
 
-int KQDatabaseManager::xInsertRow(const std::string& table, const KQValue& row) {
+int KQDatabaseManager::xInsertRow(const std::string& table, const KQValue& row) const {
   if (!rowIsWellFormed(row)) {
     KQDB_LOG(ko::log::error, "insertRow")
         << "Row for " << table << " is not a list of [column, value] pairs: " << row.toText();
@@ -696,6 +797,7 @@ int KQDatabaseManager::xInsertRow(const std::string& table, const KQValue& row) 
 
 int KQDatabaseManager::updateRow(const std::string& table, const KQValue& row, const std::string& where) {
   if (!xReady("updateRow")) return 1;
+  auto turn = xWriteTurn();
   if (!rowIsWellFormed(row) || row.getSize() == 0) {
     KQDB_LOG(ko::log::error, "updateRow")
         << "Row for " << table << " is not a list of [column, value] pairs: " << row.toText();
@@ -718,6 +820,7 @@ int KQDatabaseManager::updateRow(const std::string& table, const KQValue& row, c
 
 int KQDatabaseManager::deleteRow(const std::string& table, const std::string& where) {
   if (!xReady("deleteRow")) return 1;
+  auto turn = xWriteTurn();
   AccessScope scope(Access::kWrite, connection_->deadlineMs());
   CachedStatement stmt(*connection_, "DELETE FROM " + quoteSqlIdentifier(table) + " WHERE " + where, "deleteRow");
   if (stmt.status() != SQLITE_OK) return stmt.status();
@@ -854,6 +957,7 @@ std::vector<std::pair<std::string, KQValue>> KQDatabaseManager::describeTables(i
 
 int KQDatabaseManager::resetDatabase() {
   if (!xReady("resetDatabase")) return 1;
+  auto turn = xWriteTurn();
   return xInTransaction("resetDatabase", [this]() {
     int rc = SQLITE_OK;
     std::vector<std::string> tables = xTableNames(&rc);
@@ -868,29 +972,60 @@ int KQDatabaseManager::resetDatabase() {
 
 int KQDatabaseManager::beginTransaction() {
   if (!xReady("beginTransaction")) return 1;
+  auto turn = xWriteTurn();
   if (sqlite3_get_autocommit(connection_->db()) == 0) {
     KQDB_LOG(ko::log::error, "beginTransaction") << "A transaction is already open on " << connection_->path();
     return 1;
   }
-  return connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
+  const int rc = connection_->exec("BEGIN IMMEDIATE", "beginTransaction");
+  xNoteCallerTransaction();
+  return rc;
 }
 
 bool KQDatabaseManager::isInTransaction() const {
-  return isOpen() && xReady("isInTransaction") && sqlite3_get_autocommit(connection_->db()) == 0;
+  if (!xReady("isInTransaction")) return false;
+  auto turn = xWriteTurn();  // a group being written is not a transaction of the caller's
+  return sqlite3_get_autocommit(connection_->db()) == 0;
 }
 
 int KQDatabaseManager::endTransaction() {
   if (!xReady("endTransaction")) return 1;
+  auto turn = xWriteTurn();
   if (sqlite3_get_autocommit(connection_->db()) != 0) {
     KQDB_LOG(ko::log::error, "endTransaction") << "No transaction is open on " << connection_->path();
     return 1;
   }
-  return connection_->exec("COMMIT", "endTransaction");
+  const int rc = connection_->exec("COMMIT", "endTransaction");
+  xNoteCallerTransaction();  // a COMMIT that failed busy leaves it open
+  return rc;
 }
 
 int KQDatabaseManager::inTransaction(const std::function<int()>& work) {
   if (!xReady("inTransaction")) return 1;
-  return xInTransaction("inTransaction", work);
+  // `work` calls the public writers, each taking its own write turn, so the
+  // turn is not held across it: the transaction is opened as a caller's.
+  {
+    auto turn = xWriteTurn();
+    if (sqlite3_get_autocommit(connection_->db()) == 0) {
+      turn.unlock();
+      return work();  // joins the transaction already open
+    }
+    const int rc = connection_->exec("BEGIN IMMEDIATE", "inTransaction");
+    if (rc != SQLITE_OK) return rc;
+    xNoteCallerTransaction();
+  }
+  int rc = work();
+  auto turn = xWriteTurn();
+  if (rc == SQLITE_OK) rc = connection_->exec("COMMIT", "inTransaction");
+  if (rc != SQLITE_OK) connection_->exec("ROLLBACK", "inTransaction");
+  xNoteCallerTransaction();
+  return rc;
+}
+
+void KQDatabaseManager::xNoteCallerTransaction() const {
+  const bool open = sqlite3_get_autocommit(connection_->db()) == 0;
+  std::lock_guard<std::mutex> group(connection_->groupMutex);
+  connection_->callerTransaction = open;
 }
 
 }  // namespace KQ

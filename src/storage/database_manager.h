@@ -24,12 +24,13 @@
 // statements cached per SQL text, writes that open a transaction use
 // BEGIN IMMEDIATE, and every table gets an index on (ObjectName, TimeS).
 //
-// Threading: no locking of its own beyond SQLite's serialized mode, a mutex
-// for the group transaction's state and one that guards the statement cache,
-// from which each call checks its statement out, so concurrent readers
-// never share one. The module calls writers under its category lock held exclusively and readers under it held
-// shared, so one connection may be read by several threads at once but is
-// never written concurrently.
+// Threading: SQLite's serialized mode, plus three mutexes per connection:
+// the write turn (one writer at a time: every writing call and each group
+// commit), the group's state, and the statement cache, from which each call
+// checks its statement out, so concurrent readers never share one. The
+// module calls writers under its category lock held exclusively and readers
+// under it held shared; appendToGroup needs it shared only and commitGroup
+// none, so a group is written while readers read and the next group gathers.
 #ifndef KQ_STORAGE_DATABASE_MANAGER_H_
 #define KQ_STORAGE_DATABASE_MANAGER_H_
 
@@ -37,6 +38,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -95,17 +97,17 @@ class KQDatabaseManager {
   // Each table of this database with its columns as [[name, declared type], ...],
   // in column order; tables by name.
   std::vector<std::pair<std::string, KQValue>> describeTables(int* status) const;
-  // Group commit of saved rows: appendToGroup inserts the row into the
-  // connection's group transaction (begun by a group's first row) and gives
-  // the group's ticket; commitGroup(ticket) commits that group unless it is
-  // committed already, and answers 0 once the row is on disk, 1 when the
-  // group's commit failed (and was rolled back). Inside the caller's own
-  // transaction the row joins it and the ticket is 0 (nothing to wait for).
-  // Every other operation commits an open group first, so a group holds
-  // saved rows only. Callers append under the category lock held
-  // exclusively, release it, then take it again to commit: the rows of
-  // callers that came in between share that commit.
-  int appendToGroup(const std::string& table, const KQValue& row, uint64_t& ticket);
+  // Group commit of saved rows: appendToGroup queues the row in memory for
+  // the connection's next group and gives the group's ticket;
+  // commitGroup(ticket) returns once that group is committed: 0, or 1 when
+  // its commit failed (and was rolled back). The first waiter finding no
+  // commit under way writes every queued row in one transaction, and the
+  // rows queued meanwhile form the next group, so concurrent callers share
+  // commits. Every other use of the connection first writes the queued
+  // rows, keeping the file in call order. Inside the caller's own transaction
+  // the row joins it at once and the ticket is 0 (nothing to wait for).
+  // Each of `rows` is [table, row]; the rows of one call join one group.
+  int appendToGroup(std::vector<std::pair<std::string, KQValue>> rows, uint64_t& ticket);
   int commitGroup(uint64_t ticket);
 
   // Milliseconds a statement holding caller text (select, update, delete)
@@ -132,10 +134,15 @@ class KQDatabaseManager {
   int xIndexTable(const std::string& table, const char* function);
   // Runs `work` inside the open transaction, or inside one of its own.
   int xInTransaction(const char* function, const std::function<int()>& work);
-  // insertRow's work (no commit of an open group).
-  int xInsertRow(const std::string& table, const KQValue& row);
-  // Commits the open group, if any; the caller holds the group mutex.
-  void xCommitGroup() const;
+  // insertRow's work, for a caller holding the write turn.
+  int xInsertRow(const std::string& table, const KQValue& row) const;
+  // Takes the write turn (held until the lock returned goes) and writes the
+  // queued rows first.
+  std::unique_lock<std::mutex> xWriteTurn() const;
+  // Commits every queued row as one group; the caller holds the write turn.
+  void xWriteGroup() const;
+  // Records whether a caller's transaction is open; under the write turn.
+  void xNoteCallerTransaction() const;
   // Runs one read-only query holding caller text; rows typed by column.
   KQValue xQuery(const std::string& sql, const char* function) const;
   // Steps a read-only statement to its end: its rows typed by column, cut

@@ -251,6 +251,48 @@ TEST_F(DatabaseManagerTest, ConcurrentReadersOnOneConnectionEachGetTheirOwnRows)
   EXPECT_EQ(0, wrong.load());
 }
 
+TEST_F(DatabaseManagerTest, GroupedRowsShareACommitAndKeepTheCallOrder) {
+  const auto append = [this](const std::string& object, int timeS) {
+    uint64_t ticket = 0;
+    EXPECT_EQ(0, db_.appendToGroup({{"positions", positionRow(object, timeS)}}, ticket));
+    return ticket;
+  };
+  // Case: rows queued before any commit share one group; its commit puts both on disk.
+  const uint64_t first = append("cup", 1);
+  EXPECT_EQ(first, append("cup", 2));
+  EXPECT_EQ(0, outsideCount("positions"));
+  EXPECT_EQ(0, db_.commitGroup(first));
+  EXPECT_EQ(2, outsideCount("positions"));
+  // Case: any other use writes the queued rows first: a read sees them, a delete removes them.
+  const uint64_t second = append("mug", 3);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(3, db_.select("positions", "1", "*").getSize());
+  append("mug", 4);
+  ASSERT_EQ(0, db_.deleteRow("positions", "ObjectName='mug'"));
+  EXPECT_EQ(0, db_.commitGroup(second));
+  EXPECT_EQ(2, outsideCount("positions"));
+  // Case: inside a caller's transaction the row joins it: ticket 0, on disk at its end.
+  ASSERT_EQ(0, db_.beginTransaction());
+  EXPECT_EQ(0u, append("bowl", 5));
+  ASSERT_EQ(0, db_.endTransaction());
+  EXPECT_EQ(3, outsideCount("positions"));
+  // Case: eight threads appending and committing at once: each returns with its rows on disk.
+  std::atomic<int> missing{0};
+  std::vector<std::thread> movers;
+  for (int mover = 0; mover < 8; ++mover)
+    movers.emplace_back([&, mover]() {
+      const std::string object = "mover" + std::to_string(mover);
+      for (int timeS = 1; timeS <= 50; ++timeS) {
+        EXPECT_EQ(0, db_.commitGroup(append(object, timeS)));
+        missing += sqliteScalar(path(), "SELECT count(*) FROM positions WHERE ObjectName='" + object + "'") != timeS;
+      }
+    });
+  for (std::thread& mover : movers) mover.join();
+  EXPECT_EQ(0, missing.load());
+  EXPECT_EQ(3 + 8 * 50, outsideCount("positions"));
+  EXPECT_TRUE(logs_.records().empty());
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace KQ
