@@ -727,8 +727,8 @@ int KQDatabaseManager::commitGroup(uint64_t ticket) {
     }
     // No one is writing: this caller writes every row gathered so far, its
     // own included, then the groups gathered meanwhile (a few, so its own
-    // answer is not held long): their callers sleep on, and no turn passes
-    // between threads.
+    // answer is not held long): their callers wait on, and the writing does
+    // not pass from thread to thread.
     connection.leaderWriting = true;
     group.unlock();
     for (int groups = 0; groups < kGroupsPerLeader; ++groups) {
@@ -739,8 +739,9 @@ int KQDatabaseManager::commitGroup(uint64_t ticket) {
     group.lock();
     connection.leaderWriting = false;
     // Hands the leader's part to one caller of the next group, if any waits.
+    std::condition_variable& next = connection.groupWritten[(connection.writtenGroup + 1) % 2];
     group.unlock();
-    connection.groupWritten[(connection.writtenGroup + 1) % 2].notify_one();
+    next.notify_one();
     group.lock();
   }
   return connection.failedGroups.count(ticket) != 0 ? 1 : 0;
