@@ -80,14 +80,16 @@ TEST_F(WorldObjectsTest, StoredObjectsAreFoundByName) {
   EXPECT_TRUE(worldLog().empty()) << ::testing::PrintToString(worldLog());
 }
 
-TEST_F(WorldObjectsTest, ObjectsStoredInACallSequenceAreCommittedTogetherWhenItEnds) {
+TEST_F(WorldObjectsTest, ObjectsStoredAndMovedInACallSequenceAreCommittedTogetherWhenItEnds) {
   {
     CallSequence batch;  // as the calls of one JSON-RPC batch
     ASSERT_EQ(0, store("table", "World", pose6D(2, 0, 0)) +
-                     store("cup", "table", pose6D(0.5f, 0, 0), attribute("weight", "kg", 0.3f)));
+                     store("cup", "table", pose6D(0.5f, 0, 0), attribute("weight", "kg", 0.3f)) +
+                     world().updatePosition("table", pose6D(3, 0, 0), true));
     EXPECT_EQ(0, rows("table") + rows("cup") + rows("cup", "weight"));  // another connection sees none yet
   }
-  EXPECT_EQ((Rows{{"World", "1700000000", "0", "0.0", "2.0", "0.0"}}), history("table"));
+  EXPECT_EQ((Rows{{"World", "1700000000", "0", "0.0", "2.0", "0.0"}, {"World", "1700000000", "0", "0.0", "3.0", "0.0"}}),
+            history("table"));
   EXPECT_EQ((Rows{{"table", "1700000000", "0", "0.0", "0.5", "0.0"}}), history("cup"));
   EXPECT_EQ(1, rows("cup", "weight"));
 }
