@@ -2,6 +2,7 @@
 # Builds the libFuzzer targets of tests/fuzz with clang (AddressSanitizer and
 # UndefinedBehaviorSanitizer too) in build-fuzz and runs each for SECONDS
 # (default 30), starting from its committed seeds in tests/fuzz/corpus/<name>
+# and, for a target that writes its own (the archive), those it writes
 # (new finds go to a scratch folder; the committed corpus is not changed).
 #
 #   ./scripts/fuzz.sh [SECONDS] [NAME ...]
@@ -28,10 +29,16 @@ fi
 cmake --build "$BUILD_DIR" -j "$JOBS" --target "${names[@]/#/kq_fuzz_}"
 
 run() {
-  local name="$1" scratch="$BUILD_DIR/scratch/$1" findings="$BUILD_DIR/findings/$1"
-  rm -rf "$scratch" && mkdir -p "$scratch" "$findings"
+  local name="$1" scratch="$BUILD_DIR/scratch/$1" findings="$BUILD_DIR/findings/$1" seeds="$BUILD_DIR/seeds/$1"
+  rm -rf "$scratch" "$seeds" && mkdir -p "$scratch" "$findings" "$seeds"
+  local binary="$BUILD_DIR/tests/fuzz/kq_fuzz_$name" corpora=()
+  [ -d "tests/fuzz/corpus/$name" ] && corpora+=("tests/fuzz/corpus/$name")
+  # A target that writes its own seeds (from the format's writer) does so first.
+  if grep -q KQ_FUZZ_WRITE_SEEDS "tests/fuzz/${name}_fuzz.cpp"; then
+    KQ_FUZZ_WRITE_SEEDS="$seeds" "$binary" && corpora+=("$seeds")
+  fi
   local status=0
-  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 "$BUILD_DIR/tests/fuzz/kq_fuzz_$name" "$scratch" "tests/fuzz/corpus/$name" \
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 "$binary" "$scratch" "${corpora[@]}" \
     -max_total_time="$SECONDS_EACH" -timeout=1 -rss_limit_mb=2048 -max_len=65536 -print_final_stats=1 \
     -artifact_prefix="$findings/" >"$BUILD_DIR/$name.log" 2>&1 || status=$?
   local runs
