@@ -226,6 +226,9 @@ class KQDatabaseManager::Connection {
   // group wakes only its own callers (and at most one of the next, to write it).
   std::condition_variable groupWritten[2];
   std::vector<std::pair<std::string, KQValue>> pendingRows;  // [table, row] of group `openGroup`
+  // Whether `pendingRows` holds any, readable without groupMutex: every
+  // read of the connection looks at it (changed only under groupMutex).
+  std::atomic<bool> rowsQueued{false};
   uint64_t openGroup = 1;         // the group new rows join
   uint64_t writtenGroup = 0;      // every group up to this one is written
   bool leaderWriting = false;     // a waiting appender is writing groups for the others
@@ -535,12 +538,7 @@ bool KQDatabaseManager::xReady(const char* function) const {
   if (isOpen()) {
     // Queued rows are written before any other use of the connection, so a
     // batch that stored an object reads it back, as the calls' order says.
-    bool queued;
-    {
-      std::lock_guard<std::mutex> group(connection_->groupMutex);
-      queued = !connection_->pendingRows.empty();
-    }
-    if (queued) xWriteTurn();
+    if (connection_->rowsQueued.load()) xWriteTurn();
     return true;
   }
   KQDB_LOG(ko::log::error, function) << "No database is open.";
@@ -661,6 +659,7 @@ void KQDatabaseManager::xWriteGroup() const {
     std::lock_guard<std::mutex> lock(connection.groupMutex);
     if (connection.pendingRows.empty()) return;
     rows.swap(connection.pendingRows);
+    connection.rowsQueued = false;
     group = connection.openGroup++;
   }
   // Prepared once per connection: a group is written many times a second.
@@ -697,6 +696,7 @@ int KQDatabaseManager::appendToGroup(std::vector<std::pair<std::string, KQValue>
     if (!connection_->callerTransaction) {
       std::vector<std::pair<std::string, KQValue>>& pending = connection_->pendingRows;
       pending.insert(pending.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
+      connection_->rowsQueued = !pending.empty();
       ticket = connection_->openGroup;
       return 0;
     }
